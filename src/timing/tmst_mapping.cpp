@@ -1,0 +1,146 @@
+#include "timing/tmst_mapping.hpp"
+
+#include <cstdint>
+#include <stdexcept>
+
+namespace pelmor_lusk {
+
+namespace {
+
+std::uint64_t saturating_add(std::uint64_t a, std::uint64_t b) {
+  const std::uint64_t sum = a + b;
+  return sum < a ? UINT64_MAX : sum;
+}
+
+// Largest total' whose "+ quantization" step still fits: 2^64 - 1 - 1000.
+constexpr std::uint64_t max_total_with_measurement = UINT64_MAX - tmst_quantization_ns;
+// total' + 1999 must stay below this for the microsecond count to be reported.
+constexpr std::uint64_t uncertainty_us_ceiling_ns = 4294967295000ULL;
+
+}  // namespace
+
+TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns) {
+  TmstMapping m{};
+  const TmstFit& fit = mapper.fit;
+  if (!fit.valid) return m;
+
+  const binary128 p = to_q(tick) * fit.slope_ns_per_tick + fit.intercept_ns;
+  if (p < 0 || p > u64_max_q) return m;
+  m.raw_ns = to_u64(round_half_away_q(p));
+  m.mapping_residual_abs_ns = fit.max_residual_ns;
+  m.tmst_half_window_ns = fit.max_half_window_ns;
+
+  // Outside the anchored span the slope error grows with the distance.
+  std::uint64_t distance = 0;
+  if (tick < fit.first_tick) {
+    distance = fit.first_tick - tick;
+  } else if (tick > fit.last_tick) {
+    distance = tick - fit.last_tick;
+  }
+  const binary128 extrapolation = to_q(distance) * fit.slope_uncertainty_ns_per_tick;
+  m.mapping_age_ns = extrapolation > u64_max_q ? UINT64_MAX : to_u64(ceil_q(extrapolation));
+
+  const std::uint64_t total =
+      saturating_add(saturating_add(m.mapping_age_ns, m.tmst_half_window_ns), m.mapping_residual_abs_ns);
+  const std::uint64_t with_measurement = total + measurement_uncertainty_ns;
+  if (with_measurement < total || with_measurement > max_total_with_measurement) {
+    m.valid = false;
+    m.uncertainty_us = 0;
+    return m;
+  }
+  m.valid = with_measurement + tmst_quantization_ns <= mapping_uncertainty_gate_ns;
+  // (total' + 1000) rounded up to whole microseconds.
+  m.uncertainty_us = with_measurement < uncertainty_us_ceiling_ns - 1999
+                         ? static_cast<std::uint32_t>((with_measurement + 1999) / 1000)
+                         : UINT32_MAX;
+  return m;
+}
+
+bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_t tick,
+                      std::uint64_t measurement_uncertainty_ns) {
+  TmstMapper candidate = mapper;
+  if (!candidate.add_anchor(anchor, tmst_refresh_residual_limit_ns)) {
+    mapper.last_rejected = candidate.last_rejected;
+    return false;
+  }
+  if (map_tmst_to_raw(candidate, tick, measurement_uncertainty_ns).valid) {
+    mapper = candidate;
+    return true;
+  }
+  mapper.last_rejected = candidate.fit;
+  mapper.last_rejected.valid = false;
+  mapper.last_rejected.reject_reason = fit_reject_sample_uncertainty_too_large;
+  return false;
+}
+
+MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source,
+                                    bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
+                                    std::uint64_t gpio_delivery_age_ns) {
+  MapperRefreshOutcome outcome;
+  outcome.mapping = map_tmst_to_raw(mapper, tick, measurement_uncertainty_ns);
+  if (outcome.mapping.valid) return outcome;
+  if (source == nullptr) throw std::runtime_error("sensor is not initialized for mapper refresh");
+
+  bool refreshed = false;
+  for (std::uint32_t attempt = 0; attempt < mapper_refresh_attempts; ++attempt) {
+    const TmstAnchor anchor = anchor_from_snapshot(unwrap, source->take_snapshot());
+    TmstMapper candidate = mapper;
+    if (candidate.add_anchor(anchor, tmst_refresh_residual_limit_ns)) {
+      if (map_tmst_to_raw(candidate, tick, measurement_uncertainty_ns).valid) {
+        mapper = candidate;
+        refreshed = true;
+        break;
+      }
+      mapper.last_rejected = candidate.fit;
+      mapper.last_rejected.valid = false;
+      mapper.last_rejected.reject_reason = fit_reject_sample_uncertainty_too_large;
+    } else {
+      mapper.last_rejected = candidate.last_rejected;
+    }
+    // Only a stretched snapshot or a sample still out of the gate is worth another try.
+    const std::uint32_t reason = mapper.last_rejected.reject_reason;
+    if (reason != fit_reject_anchor_window_too_wide && reason != fit_reject_sample_uncertainty_too_large) break;
+  }
+
+  outcome.mapping = map_tmst_to_raw(mapper, tick, measurement_uncertainty_ns);
+  if (outcome.mapping.valid) return outcome;
+
+  // A soft drop needs a real prediction and a lenient run; an invalid fit is always fatal.
+  if (outcome.mapping.raw_ns != 0 && !strict_timing) {
+    if (outcome.mapping.uncertainty_us > mapping_uncertainty_gate_us) {
+      outcome.gate_drop = true;
+    } else if (!refreshed) {
+      const std::uint32_t reason = mapper.last_rejected.reject_reason;
+      outcome.gate_drop =
+          reason == fit_reject_anchor_window_too_wide || reason == fit_reject_bridge_window_too_wide;
+    }
+  }
+
+  outcome.message = "TMST to RAW mapping failed or exceeded uncertainty gate: " +
+                    format_mapping_diagnostic(outcome.mapping, mapper.fit, tick, measurement_uncertainty_ns,
+                                              gpio_delivery_age_ns);
+  if (!refreshed) {
+    outcome.message += ", recovery_refresh_rejected_fit={" + format_fit_diagnostic(mapper.last_rejected) + "}";
+  }
+  if (!outcome.gate_drop) throw std::runtime_error(outcome.message);
+  return outcome;
+}
+
+std::string format_mapping_diagnostic(const TmstMapping& mapping, const TmstFit& fit, std::uint64_t tick,
+                                      std::uint64_t measurement_uncertainty_ns, std::uint64_t gpio_delivery_age_ns) {
+  std::string out;
+  out.reserve(384);
+  out += "fifo_tmst_tick=" + std::to_string(tick);
+  out += ", measurement_uncertainty_ns=" + std::to_string(measurement_uncertainty_ns);
+  out += ", gpio_delivery_age_ns=" + std::to_string(gpio_delivery_age_ns);
+  out += ", timestamp_quantization_ns=" + std::to_string(tmst_quantization_ns);
+  out += ", uncertainty_us=" + std::to_string(mapping.uncertainty_us);
+  out += ", tmst_half_window_ns=" + std::to_string(mapping.tmst_half_window_ns);
+  out += ", mapping_residual_abs_ns=" + std::to_string(mapping.mapping_residual_abs_ns);
+  out += ", slope_uncertainty_ns=" + std::to_string(mapping.slope_uncertainty_ns);
+  out += ", mapping_age_ns=" + std::to_string(mapping.mapping_age_ns);
+  out += ", fit={" + format_fit_diagnostic(fit) + "}";
+  return out;
+}
+
+}  // namespace pelmor_lusk

@@ -1,0 +1,51 @@
+// One TMST tick mapped onto CLOCK_MONOTONIC_RAW with its stated uncertainty, and
+// the refresh that takes fresh anchors when a mapping fails its gate.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "timing/anchor_map.hpp"
+#include "timing/tmst_mapper.hpp"
+
+namespace pelmor_lusk {
+
+inline constexpr std::uint64_t tmst_quantization_ns = 1000;
+inline constexpr std::uint64_t mapping_uncertainty_gate_ns = 200000;
+inline constexpr std::uint32_t mapping_uncertainty_gate_us = 200;
+inline constexpr std::uint32_t mapper_refresh_attempts = 3;
+
+struct TmstMapping {
+  bool valid = false;
+  std::uint64_t raw_ns = 0;
+  std::uint32_t uncertainty_us = 0;
+  std::uint64_t mapping_residual_abs_ns = 0;
+  std::uint64_t tmst_half_window_ns = 0;
+  std::uint64_t slope_uncertainty_ns = 0;  // carried for the diagnostic; always 0 here
+  std::uint64_t mapping_age_ns = 0;
+};
+
+struct MapperRefreshOutcome {
+  TmstMapping mapping;
+  bool gate_drop = false;
+  std::string message;
+};
+
+// Pure; never throws.
+TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns);
+
+// Inserts the anchor only when the resulting fit also maps `tick` within the gate.
+bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_t tick,
+                      std::uint64_t measurement_uncertainty_ns);
+
+// Maps `tick`; on failure takes up to three fresh anchors from `source` (null =
+// sensor absent). Returns a valid mapping, or a soft drop (gate_drop with the
+// message); throws std::runtime_error with the message otherwise.
+MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source,
+                                    bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
+                                    std::uint64_t gpio_delivery_age_ns);
+
+std::string format_mapping_diagnostic(const TmstMapping& mapping, const TmstFit& fit, std::uint64_t tick,
+                                      std::uint64_t measurement_uncertainty_ns, std::uint64_t gpio_delivery_age_ns);
+
+}  // namespace pelmor_lusk

@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include "driver/rate_profile.hpp"
+#include "pipeline/decimator.hpp"
+#include "pipeline/step_gate.hpp"
+
+namespace pelmor_lusk {
+namespace {
+
+TEST(StepGate, RuntimeStepsUnwrapAndBoundsAreInclusive) {
+  const StepReference ref{true, 0x3'F000, false};
+  const StepGateResult wrapped = evaluate_step_gate(ref, 0, 0x0000, 2500, 7500);
+  EXPECT_EQ(wrapped.candidate_tick, 0x4'0000U);
+  EXPECT_EQ(wrapped.step, 0x1000U);
+  EXPECT_TRUE(wrapped.passed);
+  EXPECT_EQ(unwrap_low16(0x3'1000, 0x1000), 0x3'1000U);  // no movement is not a wrap
+
+  const RateProfile& p = rate_profile_25hz;
+  auto passes = [&](std::uint64_t step) {
+    const auto low = static_cast<std::uint16_t>((ref.reference_tick + step) & 0xFFFF);
+    return evaluate_step_gate(ref, 0, low, p.min_step_ticks, p.max_step_ticks).passed;
+  };
+  EXPECT_FALSE(passes(19999));
+  EXPECT_TRUE(passes(20000));
+  EXPECT_TRUE(passes(60000));
+  EXPECT_FALSE(passes(60001));
+}
+
+TEST(StepGate, FirstSampleGatesAgainstBoundaryAndMayBeShortOnlyWhenAllowed) {
+  StepReference ref{false, 0, true};
+  const std::uint64_t boundary = 0x12'0000;
+  const StepGateResult r = evaluate_step_gate(ref, boundary, 0x0001, 2500, 7500);
+  EXPECT_TRUE(r.first_sample);
+  EXPECT_EQ(r.step, 1U);
+  EXPECT_TRUE(r.passed);
+  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 0x0000, 2500, 7500).passed);  // step 0
+  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 7501, 2500, 7500).passed);
+  ref.allow_short_first_step = false;
+  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 0x0001, 2500, 7500).passed);
+
+  // Passing a first sample ends the allowance; a failure forgets the reference.
+  ref.allow_short_first_step = true;
+  advance_step_reference(ref, r);
+  EXPECT_TRUE(ref.have_reference);
+  EXPECT_EQ(ref.reference_tick, boundary + 1);
+  EXPECT_FALSE(ref.allow_short_first_step);
+  advance_step_reference(ref, StepGateResult{});
+  EXPECT_FALSE(ref.have_reference);
+  EXPECT_EQ(ref.reference_tick, 0U);
+}
+
+TEST(StepGate, Message) {
+  const StepGateResult r = evaluate_step_gate(StepReference{false, 0, true}, 0x10000, 9000, 2500, 7500);
+  const StepGateMessageFields f{30, 9000, 2500, 7500, true, true, 5000, 4970, 50, -30};
+  EXPECT_EQ(format_step_gate_message(r, f),
+            "FIFO timestamp step out of 30 Hz gate: 9000 ticks, fifo_low16=9000, reference_tick=65536, "
+            "first_sample=1, min_step_ticks=2500, max_step_ticks=7500, allow_short_first_step=1, "
+            "runtime_boundary_context=1, arm_start_raw_ns=5000, arm_boundary_event_raw_ns=4970, "
+            "arm_boundary_uncertainty_ns=50, arm_boundary_age_ns=-30");
+}
+
+TEST(Decimation, ThirtyHertzEmitsFirstSampleThenThirtyOfEveryTwoHundred) {
+  Decimator d(rate_profile_30hz);
+  EXPECT_TRUE(d.admit());
+  int emitted = 1;
+  for (int i = 1; i <= 1000; ++i) {
+    if (i % 200 == 0) {
+      EXPECT_EQ(emitted, 30) << "window ending at " << i;
+      emitted = 0;
+    }
+    if (d.admit()) ++emitted;
+  }
+  Decimator one_to_one(rate_profile_25hz);
+  for (int i = 0; i < 50; ++i) EXPECT_TRUE(one_to_one.admit());
+}
+
+}  // namespace
+}  // namespace pelmor_lusk

@@ -1,0 +1,90 @@
+// The event reader on a pipe standing in for the line descriptor, for wake-ups
+// and records a real line cannot be made to produce on demand.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <linux/gpio.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "common/clock.hpp"
+#include "timing/gpio_interrupt_line.hpp"
+#include "timing_test_support.hpp"
+
+namespace pelmor_lusk {
+namespace {
+
+using testing_support::error_of;
+
+struct Pipe {
+  UniqueFd reader, writer;
+};
+Pipe make_pipe() {
+  int fds[2];
+  EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  return Pipe{UniqueFd(fds[0]), UniqueFd(fds[1])};
+}
+GpioInterruptLine line_on(UniqueFd& fd) { return GpioInterruptLine(UniqueFd(), std::move(fd)); }
+
+void write_event(const UniqueFd& fd, std::uint32_t id, std::uint32_t line_seqno) {
+  gpio_v2_line_event e;
+  std::memset(&e, 0, sizeof e);
+  e.timestamp_ns = static_cast<std::uint64_t>(read_clock_ns(CLOCK_MONOTONIC, "CLOCK_MONOTONIC"));
+  e.id = id;
+  e.line_seqno = line_seqno;
+  ASSERT_EQ(::write(fd.get(), &e, sizeof e), static_cast<ssize_t>(sizeof e));
+}
+
+TEST(GpioLineEvents, RisingEdgesAreBridgedAndSequencedOthersLeaveNoTrace) {
+  Pipe p = make_pipe();
+  const UniqueFd& w = p.writer;
+  GpioInterruptLine line = line_on(p.reader);
+  BridgedEvent e;
+  EXPECT_FALSE(line.read_line_event(e, 0));
+
+  write_event(w, GPIO_V2_LINE_EVENT_RISING_EDGE, 5);
+  write_event(w, GPIO_V2_LINE_EVENT_FALLING_EDGE, 6);
+  write_event(w, GPIO_V2_LINE_EVENT_RISING_EDGE, 7);
+  const std::uint64_t written = read_raw_ns();
+  ASSERT_TRUE(line.read_line_event(e, 0));
+  EXPECT_FALSE(e.seqno_gap);
+  EXPECT_LE(e.raw_ns, written + e.half_window_ns);  // stamped before `written`
+
+  EXPECT_FALSE(line.read_line_event(e, 0));  // the falling edge, consumed and ignored
+  EXPECT_EQ(line.last_line_seqno(), 5U);
+  EXPECT_EQ(line.metrics().events, 1U);
+  ASSERT_TRUE(line.read_line_event(e, 0));
+  EXPECT_EQ(e.missed_line_events, 1U);
+
+  line.forget_last_sequence();
+  write_event(w, GPIO_V2_LINE_EVENT_RISING_EDGE, 100);
+  ASSERT_TRUE(line.read_line_event(e, 0));
+  EXPECT_FALSE(e.seqno_gap);
+}
+
+TEST(GpioLineEvents, HangUpAloneIsNoEventButShortOrFailedReadsAreErrors) {
+  BridgedEvent e;
+  // Writer gone, nothing buffered: only POLLHUP. A read would return 0 and fail as
+  // short, so a plain false shows nothing was read.
+  Pipe p = make_pipe();
+  GpioInterruptLine hung_up = line_on(p.reader);
+  p.writer.reset();
+  EXPECT_FALSE(hung_up.read_line_event(e, 1000));
+
+  p = make_pipe();
+  GpioInterruptLine partial = line_on(p.reader);
+  const char bytes[47] = {};
+  ASSERT_EQ(::write(p.writer.get(), bytes, sizeof bytes), 47);
+  EXPECT_EQ(error_of<std::runtime_error>([&] { partial.read_line_event(e, 0); }), "short GPIO395 line event read");
+
+  // A write end without reader polls as POLLERR and cannot be read.
+  p = make_pipe();
+  p.reader.reset();
+  GpioInterruptLine unreadable = line_on(p.writer);
+  EXPECT_EQ(error_of<std::runtime_error>([&] { unreadable.read_line_event(e, 0); }),
+            "read GPIO395 line event, errno=9 (Bad file descriptor)");
+}
+
+}  // namespace
+}  // namespace pelmor_lusk

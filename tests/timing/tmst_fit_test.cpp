@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "timing/anchor_map.hpp"
+#include "timing/tmst_mapper.hpp"
+#include "timing_test_support.hpp"
+
+namespace pelmor_lusk {
+namespace {
+
+using namespace testing_support;
+
+TEST(UnwrapTick, ExtendsTwentyBitReadingsAcrossWraps) {
+  TmstUnwrapState s;
+  EXPECT_EQ(unwrap_tick(s, 0xF0FFFFF), 0x0FFFFFU);  // bits above the width are ignored
+  EXPECT_EQ(unwrap_tick(s, 0x000005), 0x100005U);
+  EXPECT_EQ(unwrap_tick(s, 0x000005), 0x100005U);  // unchanged reading: same tick, no wrap
+  EXPECT_EQ(unwrap_tick(s, 0x0FFFFF), 0x1FFFFFU);
+  EXPECT_EQ(s.wrap_count, 1U);
+  for (std::uint32_t width : {0U, 32U}) {
+    TmstUnwrapState bad{width};
+    EXPECT_EQ(error_of<std::invalid_argument>([&] { unwrap_tick(bad, 1); }), "timestamp bit width must be 1..31");
+  }
+}
+
+TEST(TmstFit, WarmsUpThenRefusesBadAnchorsWithoutTouchingTheFit) {
+  TmstMapper m;
+  for (std::uint64_t tick : {0U, 3333U, 6666U}) EXPECT_FALSE(m.add_anchor(ideal(tick), 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_insufficient_anchors);
+  EXPECT_FALSE(m.add_anchor(ideal(9999), 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_insufficient_span);
+  EXPECT_EQ(m.anchor_count, 4U);  // warm-up keeps what it has
+
+  ASSERT_TRUE(m.add_anchor(ideal(10000), 50000));
+  EXPECT_EQ(format_fit_diagnostic(m.fit),
+            "reason=none, anchors=5, span_ticks=10000, slope_ns_per_tick=1000, slope_error_ppm=200, "
+            "max_half_window_ns=1000, max_residual_ns=0");
+
+  EXPECT_FALSE(m.add_anchor(TmstAnchor{20000, 5, 4}, 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_anchor_window_reversed);
+  EXPECT_FALSE(m.add_anchor(TmstAnchor{20000, 0, 200001}, 50000));
+  EXPECT_EQ(format_fit_diagnostic(m.last_rejected),
+            "reason=anchor_window_too_wide, anchors=5, span_ticks=10000, slope_ns_per_tick=1000, "
+            "slope_error_ppm=200, max_half_window_ns=100001, max_residual_ns=0");
+  EXPECT_FALSE(m.add_anchor(ideal(10000), 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_non_monotonic_anchor);
+  EXPECT_EQ(m.anchor_count, 5U);
+  EXPECT_TRUE(m.fit.valid);
+
+  // A 200000 ns bracket is exactly the 100 us half window and still allowed.
+  EXPECT_TRUE(m.add_anchor(ideal(20000, 100000), 50000));
+}
+
+TEST(TmstFit, EachGateOfTheFitNamesItsReason) {
+  const std::array<TmstAnchor, 4> cases[] = {
+      // Below zero at tick 0.
+      {anchor(0, 0, 0), anchor(10000, 0, 0), anchor(20000, 0, 0), anchor(30000, 3'000'000'000, 0)},
+      // 1200 ns per tick: 20 % off nominal.
+      {anchor(0, base_raw_ns), anchor(10000, base_raw_ns + 12'000'000), anchor(20000, base_raw_ns + 24'000'000),
+       anchor(30000, base_raw_ns + 36'000'000)},
+      // Only refit sees a stored window this wide; add_anchor refuses it earlier.
+      {ideal(0), ideal(10000, 150000), ideal(20000), ideal(30000)},
+      {ideal(0), anchor(10000, base_raw_ns + 10'000'100), ideal(20000), ideal(30000)},
+  };
+  const std::uint32_t reasons[] = {fit_reject_prediction_overflow, fit_reject_slope_out_of_range,
+                                   fit_reject_bridge_window_too_wide, fit_reject_residual_too_large};
+  for (int i = 0; i < 4; ++i) {
+    TmstMapper m;
+    std::copy(cases[i].begin(), cases[i].end(), m.anchors.begin());
+    m.anchor_count = 4;
+    EXPECT_FALSE(m.refit(10));
+    EXPECT_EQ(m.last_rejected.reject_reason, reasons[i]);
+    EXPECT_EQ(m.last_rejected.anchors, 4U);
+    // The post-fit gates leave the values in the fit; an overflow leaves it empty.
+    EXPECT_FALSE(m.fit.valid);
+    EXPECT_EQ(m.fit.reject_reason, 0U);
+    EXPECT_EQ(m.fit.span_ticks, i == 0 ? 0U : 30000U);
+  }
+  EXPECT_STREQ(fit_reject_reason_name(fit_reject_degenerate_fit), "degenerate_fit");
+  EXPECT_STREQ(fit_reject_reason_name(12), "unknown");
+}
+
+TEST(TmstFit, KeepsFullPrecisionNearTheTopOfTheRange) {
+  // Midpoints near 1.8e19 ns: in double each would be off by up to 1 us.
+  const std::uint64_t base = 18'000'000'000'000'000'000ULL;
+  const std::uint64_t first = std::uint64_t{1} << 40;
+  TmstMapper m;
+  for (std::uint64_t i = 0; i < 6; ++i) {
+    const std::uint64_t tick = first + i * 10007;
+    EXPECT_EQ(m.add_anchor(anchor(tick, base + (tick - first) * 1001 + i % 2, 3), 50000), i >= 3);
+  }
+  EXPECT_LE(m.fit.max_residual_ns, 1U);
+  EXPECT_NEAR(to_double(m.fit.slope_ns_per_tick), 1001.0, 1e-3);
+}
+
+TEST(TmstFit, PastWarmUpABreakingAnchorIsUndoneUnlessTheWindowWasFull) {
+  TmstMapper m = ideal_mapper(8);
+  EXPECT_FALSE(m.add_anchor(anchor(80000, base_raw_ns + 80'100'000), 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
+  EXPECT_EQ(m.anchor_count, 8U);
+  EXPECT_EQ(m.anchors[7].tick, 70000U);
+  EXPECT_TRUE(m.fit.valid);
+
+  TmstMapper full = ideal_mapper(17);  // the 17th already pushed the first out
+  EXPECT_EQ(full.anchors[0].tick, 10000U);
+  EXPECT_FALSE(full.add_anchor(anchor(170000, base_raw_ns + 170'100'000), 50000));
+  EXPECT_EQ(full.anchor_count, 16U);
+  EXPECT_EQ(full.anchors[0].tick, 20000U);
+  EXPECT_EQ(full.anchors[15].tick, 170000U);
+  EXPECT_TRUE(full.fit.valid);
+  EXPECT_EQ(full.fit.first_tick, 10000U);
+  EXPECT_EQ(full.fit.last_tick, 160000U);
+}
+
+TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
+  TmstMapper m;
+  TmstUnwrapState unwrap;
+  EXPECT_EQ(error_of<std::runtime_error>([&] { establish_anchor_map(m, unwrap, nullptr); }),
+            "sensor is not initialized");
+
+  // 20000 ticks apart from just below the 20-bit wrap: the fourth gives the first valid fit.
+  ScriptedSource good([](int i) { return ideal_snapshot(0xFF000 + static_cast<std::uint64_t>(i) * 20000); });
+  establish_anchor_map(m, unwrap, &good);
+  EXPECT_EQ(good.snapshots, 7);
+  EXPECT_EQ(good.pauses, 6);
+  EXPECT_EQ(good.last_pause_ns, 20'000'000);
+  EXPECT_TRUE(m.fit.valid);
+  EXPECT_EQ(m.fit.span_ticks, 120000U);
+
+  TmstMapper fresh;
+  TmstUnwrapState fresh_unwrap;
+  ScriptedSource stretched([](int i) { return ideal_snapshot(static_cast<std::uint64_t>(i) * 20000, 150000); });
+  EXPECT_EQ(error_of<std::runtime_error>([&] { establish_anchor_map(fresh, fresh_unwrap, &stretched); }),
+            "failed to establish TMST to RAW anchor map after 16 attempts, accepted=0: "
+            "reason=anchor_window_too_wide, anchors=0, span_ticks=0, slope_ns_per_tick=0, slope_error_ppm=0, "
+            "max_half_window_ns=150000, max_residual_ns=0");
+  EXPECT_EQ(stretched.snapshots, 16);
+  EXPECT_EQ(stretched.pauses, 15);
+}
+
+}  // namespace
+}  // namespace pelmor_lusk

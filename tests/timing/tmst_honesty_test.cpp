@@ -1,0 +1,67 @@
+// The anchor map must not claim more than it knows: on a board with a known TMST
+// drift, the true slope lies inside the fit's own slope uncertainty and fresh
+// ticks map within their stated uncertainty of the true instant.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "board_sensor.hpp"
+#include "common/clock.hpp"
+#include "pelmor_vboard.hpp"
+#include "timing/tmst_mapping.hpp"
+
+namespace pelmor_lusk {
+namespace {
+
+namespace vb = pelmor_vboard;
+
+struct BoardCase {
+  const char* name;
+  vb::Config config;
+};
+
+class TmstHonesty : public ::testing::TestWithParam<BoardCase> {};
+
+TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
+  vb::Config config = GetParam().config;
+  config.timing.drift_wander_ppm = 0.0;  // a fixed, known drift
+  vb::reset(config);
+  const UniqueFd spi = testing_support::power_up_sensor();
+  testing_support::SpiAnchorSource source(spi);
+
+  TmstMapper mapper;
+  TmstUnwrapState unwrap;
+  establish_anchor_map(mapper, unwrap, &source);
+  ASSERT_TRUE(mapper.fit.valid);
+
+  // Positive ppm: the counter runs fast, so fewer RAW ns per tick.
+  const double true_slope = 1000.0 / (1.0 + config.tmst_drift_ppm * 1e-6);
+  EXPECT_LE(std::fabs(to_double(mapper.fit.slope_ns_per_tick) - true_slope),
+            to_double(mapper.fit.slope_uncertainty_ns_per_tick))
+      << format_fit_diagnostic(mapper.fit);
+
+  for (int i = 0; i < 10; ++i) {
+    sleep_ms(7);
+    const std::uint64_t now = read_raw_ns();
+    TmstUnwrapState probe = unwrap;  // same unwrapping domain as the anchors
+    const std::uint64_t tick = unwrap_tick(probe, vb::tmst_at(now));
+    const TmstMapping m = map_tmst_to_raw(mapper, tick, 0);
+    ASSERT_TRUE(m.valid) << format_mapping_diagnostic(m, mapper.fit, tick, 0, 0);
+    const std::uint64_t error = m.raw_ns > now ? m.raw_ns - now : now - m.raw_ns;
+    EXPECT_LE(error, std::uint64_t{m.uncertainty_us} * 1000)
+        << format_mapping_diagnostic(m, mapper.fit, tick, 0, 0);
+  }
+}
+
+vb::Config drifting(vb::Config config, double ppm) {
+  config.tmst_drift_ppm = ppm;
+  return config;
+}
+
+INSTANTIATE_TEST_SUITE_P(Profiles, TmstHonesty,
+                         ::testing::Values(BoardCase{"ideal", drifting(vb::Config::ideal(), 180.0)},
+                                           BoardCase{"realistic", drifting(vb::Config::realistic(), 2500.0)}),
+                         [](const auto& case_info) { return std::string(case_info.param.name); });
+
+}  // namespace
+}  // namespace pelmor_lusk

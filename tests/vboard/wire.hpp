@@ -1,0 +1,201 @@
+// Raw spidev and GPIO character-device traffic for the board's self-tests,
+// written from the wire formats alone (no library code involved).
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/gpio.h>
+#include <linux/spi/spidev.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "pelmor_vboard.hpp"
+
+namespace vboard_test {
+
+using namespace std::chrono_literals;
+
+inline constexpr std::uint8_t REG_BANK_SEL = 0x76, DEVICE_CONFIG = 0x11, WHO_AM_I = 0x75, PWR_MGMT0 = 0x4E,
+                              GYRO_CONFIG0 = 0x4F, ACCEL_CONFIG0 = 0x50, INT_CONFIG = 0x14, INT_SOURCE0 = 0x65,
+                              TMST_CONFIG = 0x54, FIFO_CONFIG = 0x16, FIFO_CONFIG1 = 0x5F, INTF_CONFIG0 = 0x4C,
+                              SIGNAL_PATH_RESET = 0x4B, FIFO_COUNTH = 0x2E, FIFO_DATA = 0x30;
+
+inline std::uint64_t raw_ns() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &ts);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+class Spi {
+ public:
+  Spi() : fd_(::open("/dev/spidev2.0", O_RDWR | O_CLOEXEC)) {}
+  ~Spi() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Spi(const Spi&) = delete;
+  Spi& operator=(const Spi&) = delete;
+  int fd() const { return fd_; }
+
+  // One-transfer read of n registers: address | 0x80 then n dummy bytes.
+  std::vector<std::uint8_t> read(std::uint8_t reg, std::size_t n, int* result = nullptr) {
+    std::vector<std::uint8_t> tx(n + 1, 0), rx(n + 1, 0);
+    tx[0] = static_cast<std::uint8_t>(reg | 0x80);
+    spi_ioc_transfer x{};
+    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx.data());
+    x.rx_buf = reinterpret_cast<std::uintptr_t>(rx.data());
+    x.len = static_cast<std::uint32_t>(n + 1);
+    x.speed_hz = 4000000;
+    x.bits_per_word = 8;
+    const int r = ::ioctl(fd_, SPI_IOC_MESSAGE(1), &x);
+    if (result != nullptr) *result = r;
+    return {rx.begin() + 1, rx.end()};
+  }
+  std::uint8_t read1(std::uint8_t reg) { return read(reg, 1).at(0); }
+  int write(std::uint8_t reg, std::uint8_t value) {
+    std::uint8_t tx[2] = {reg, value};
+    spi_ioc_transfer x{};
+    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx);
+    x.len = 2;
+    x.speed_hz = 4000000;
+    x.bits_per_word = 8;
+    return ::ioctl(fd_, SPI_IOC_MESSAGE(1), &x);
+  }
+
+  struct Snapshot {
+    int result = 0;
+    std::uint32_t ticks = 0;
+    std::uint64_t before = 0, after = 0;
+  };
+  // Strobe, bank 1, read TMSTVAL0..2 in one message; then bank 0 again.
+  Snapshot snapshot() {
+    std::uint8_t t1[2] = {SIGNAL_PATH_RESET, 0x04}, t2[2] = {REG_BANK_SEL, 0x01}, t3[4] = {0xE2, 0, 0, 0}, r3[4] = {};
+    spi_ioc_transfer x[3]{};
+    x[0].tx_buf = reinterpret_cast<std::uintptr_t>(t1);
+    x[0].len = 2;
+    x[0].cs_change = 1;
+    x[1].tx_buf = reinterpret_cast<std::uintptr_t>(t2);
+    x[1].len = 2;
+    x[1].cs_change = 1;
+    x[2].tx_buf = reinterpret_cast<std::uintptr_t>(t3);
+    x[2].rx_buf = reinterpret_cast<std::uintptr_t>(r3);
+    x[2].len = 4;
+    for (auto& t : x) {
+      t.speed_hz = 10000000;
+      t.bits_per_word = 8;
+    }
+    Snapshot s;
+    s.before = raw_ns();
+    s.result = ::ioctl(fd_, SPI_IOC_MESSAGE(3), x);
+    s.after = raw_ns();
+    s.ticks = static_cast<std::uint32_t>((r3[3] & 0x0F) << 16 | r3[2] << 8 | r3[1]);
+    write(REG_BANK_SEL, 0);
+    return s;
+  }
+
+  // Sensors on at the ODR code, data-ready to INT1, FIFO streaming 16-byte packets.
+  void stream(std::uint8_t odr_code, bool drdy = true) {
+    write(REG_BANK_SEL, 0);
+    write(GYRO_CONFIG0, odr_code);
+    write(ACCEL_CONFIG0, odr_code);
+    write(INT_CONFIG, 0x03);
+    write(TMST_CONFIG, 0x31);
+    write(FIFO_CONFIG1, 0x0F);
+    write(INT_SOURCE0, drdy ? 0x08 : 0x00);
+    write(FIFO_CONFIG, 0x40);
+    write(SIGNAL_PATH_RESET, 0x02);
+    write(PWR_MGMT0, 0x0F);
+  }
+
+  std::uint16_t fifo_count() {
+    const auto c = read(FIFO_COUNTH, 2);
+    return static_cast<std::uint16_t>(c[0] << 8 | c[1]);
+  }
+
+ private:
+  int fd_;
+};
+
+struct Packet {
+  std::uint8_t header = 0;
+  std::int16_t accel[3]{}, gyro[3]{};
+  std::int8_t temperature = 0;
+  std::uint16_t tmst = 0;
+};
+
+inline std::vector<Packet> parse(const std::vector<std::uint8_t>& bytes) {
+  std::vector<Packet> out;
+  for (std::size_t i = 0; i + 16 <= bytes.size(); i += 16) {
+    const std::uint8_t* p = &bytes[i];
+    Packet k;
+    k.header = p[0];
+    for (int a = 0; a < 3; ++a) {
+      k.accel[a] = static_cast<std::int16_t>(p[1 + 2 * a] << 8 | p[2 + 2 * a]);
+      k.gyro[a] = static_cast<std::int16_t>(p[7 + 2 * a] << 8 | p[8 + 2 * a]);
+    }
+    k.temperature = static_cast<std::int8_t>(p[13]);
+    k.tmst = static_cast<std::uint16_t>(p[14] << 8 | p[15]);
+    out.push_back(k);
+  }
+  return out;
+}
+
+// readdir order of /dev entries beginning with "gpiochip".
+inline std::vector<std::string> gpiochips() {
+  std::vector<std::string> out;
+  DIR* d = ::opendir("/dev");
+  if (d == nullptr) return out;
+  while (dirent* e = ::readdir(d)) {
+    if (std::strncmp(e->d_name, "gpiochip", 8) == 0) out.emplace_back(e->d_name);
+  }
+  ::closedir(d);
+  return out;
+}
+
+class Line {
+ public:
+  // Requests `offset` of `chip` for the given edges, as the uAPI v2 describes.
+  Line(const std::string& chip, std::uint32_t offset = 16,
+       std::uint64_t flags = GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_EDGE_RISING, std::uint32_t depth = 256) {
+    chip_fd_ = ::open(("/dev/" + chip).c_str(), O_RDONLY | O_CLOEXEC);
+    if (chip_fd_ < 0) return;
+    gpio_v2_line_request req{};
+    req.offsets[0] = offset;
+    std::strcpy(req.consumer, "vboard-test");
+    req.config.flags = flags;
+    req.num_lines = 1;
+    req.event_buffer_size = depth;
+    result_ = ::ioctl(chip_fd_, GPIO_V2_GET_LINE_IOCTL, &req);
+    error_ = result_ < 0 ? errno : 0;
+    if (result_ == 0) fd_ = req.fd;
+  }
+  ~Line() {
+    if (fd_ >= 0) ::close(fd_);
+    if (chip_fd_ >= 0) ::close(chip_fd_);
+  }
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+  int fd() const { return fd_; }
+  int error() const { return error_; }
+
+  // Next event within the timeout, or false.
+  bool next(gpio_v2_line_event& ev, int timeout_ms = 2000) {
+    pollfd p{fd_, POLLIN | POLLPRI | POLLERR, 0};
+    if (::poll(&p, 1, timeout_ms) <= 0 || !(p.revents & POLLIN)) return false;
+    return ::read(fd_, &ev, sizeof ev) == static_cast<ssize_t>(sizeof ev);
+  }
+
+ private:
+  int chip_fd_ = -1;
+  int fd_ = -1;
+  int result_ = -1;
+  int error_ = 0;
+};
+
+}  // namespace vboard_test
