@@ -142,4 +142,56 @@ TEST(VboardGpio, RealisticEdgesAreStampedLateAndResetUnplugsDescriptors) {
   EXPECT_EQ(errno, ESHUTDOWN);
 }
 
+TEST(VboardGpio, PulsesShowBothEdgesAndActiveLowInvertsThem) {
+  pv::reset();
+  {
+    Line both("gpiochip0", 16,
+              GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_EDGE_RISING | GPIO_V2_LINE_FLAG_EDGE_FALLING);
+    Spi spi;
+    spi.stream(0x07);
+    gpio_v2_line_event up{}, down{};
+    ASSERT_TRUE(both.next(up));
+    ASSERT_TRUE(both.next(down));
+    EXPECT_EQ(up.id, GPIO_V2_LINE_EVENT_RISING_EDGE);
+    EXPECT_EQ(down.id, GPIO_V2_LINE_EVENT_FALLING_EDGE);
+    EXPECT_EQ(down.timestamp_ns - up.timestamp_ns, 100000u) << "INT1 pulses for 100 us";
+    EXPECT_EQ(down.line_seqno, up.line_seqno + 1);
+    spi.write(PWR_MGMT0, 0x00);
+  }
+  pv::reset();
+  Line inverted("gpiochip0", 16,
+                GPIO_V2_LINE_FLAG_INPUT | GPIO_V2_LINE_FLAG_ACTIVE_LOW | GPIO_V2_LINE_FLAG_EDGE_RISING);
+  gpio_v2_line_values values{};
+  values.mask = 1;
+  ASSERT_EQ(ioctl(inverted.fd(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values), 0);
+  EXPECT_EQ(values.bits, 0u) << "INT1 is active-low after reset: idle high, inactive through ACTIVE_LOW";
+  Spi spi;
+  spi.write(INT_CONFIG, 0x03);
+  ASSERT_EQ(ioctl(inverted.fd(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values), 0);
+  EXPECT_EQ(values.bits, 1u) << "active-high and idle: low, so active through ACTIVE_LOW";
+  spi.stream(0x07);
+  gpio_v2_line_event ev{};
+  ASSERT_TRUE(inverted.next(ev));
+  EXPECT_EQ(ev.id, GPIO_V2_LINE_EVENT_RISING_EDGE);
+  EXPECT_EQ(ev.timestamp_ns, pv::sample(0)->monotonic_ns + 100000) << "the logical rise is the pulse's end";
+}
+
+TEST(VboardGpio, NodesOpenRelativeToDevAndSpidevAlwaysPolls) {
+  pv::reset();
+  const int dev = ::open("/dev", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(dev, 0);
+  const int chip = ::openat(dev, "gpiochip0", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(chip, 0);
+  gpiochip_info info{};
+  EXPECT_EQ(ioctl(chip, GPIO_GET_CHIPINFO_IOCTL, &info), 0);
+  EXPECT_STREQ(info.label, "34120000.gpio");
+  ::close(chip);
+  ::close(dev);
+  Spi spi;
+  pollfd p{spi.fd(), POLLIN | POLLOUT, 0};
+  EXPECT_EQ(::poll(&p, 1, 0), 1);
+  EXPECT_EQ(p.revents, POLLIN | POLLOUT);
+  EXPECT_EQ(pv::counters().opens, 2u);
+}
+
 }  // namespace

@@ -122,7 +122,8 @@ void set_motion(const MotionSignal& motion);
 // ---- Register file -----------------------------------------------------------
 
 // Register contents as the sensor holds them, read without side effects (no
-// clear-on-read, no FIFO pop). bank is 0 or 1; other banks read as zeros.
+// clear-on-read, no FIFO pop). bank is 0..4 (2-4 are plain storage); others read
+// as zeros.
 std::array<std::uint8_t, 128> register_bank(int bank);
 std::uint8_t register_value(int bank, std::uint8_t reg);
 std::uint8_t active_bank();                     // REG_BANK_SEL as selected
@@ -207,11 +208,11 @@ std::optional<LineRequestRecord> last_line_request();
 // ---- Ground truth ---------------------------------------------------------------
 
 enum class EdgeOutcome : std::uint8_t {
-  none = 0,     // data-ready not routed to INT1, or INT1 not wired/requested
+  none = 0,     // no edge: data-ready not routed to INT1, or INT1 still latched
   raised,       // an event was queued on the requesting line
   suppressed,   // fault: no edge, no sequence advance
   dropped,      // fault: the kernel sequence advanced but no event was queued
-  unobserved,   // the pin moved but no line requested that edge
+  unobserved,   // the pin moved but no line request listens to it
 };
 
 struct SampleTruth {
@@ -269,7 +270,7 @@ struct Counters {
   std::uint64_t reads = 0;                      // reads of an emulated descriptor
   std::uint64_t samples = 0;
   std::uint64_t fifo_lost_packets = 0;          // overflowed out of the FIFO
-  std::uint64_t edges = 0;                      // INT1 rising edges, spurious included
+  std::uint64_t edges = 0;                      // INT1 data-ready edges modelled (suppressed and spurious included)
   std::uint64_t events_queued = 0;
   std::uint64_t events_discarded = 0;           // line event buffer overflow
   std::uint64_t events_read = 0;

@@ -582,12 +582,12 @@ void Board::start_thread() {
 void Board::thread_main() {
   ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);  // edges on time, not 50 us late
   ::pthread_setname_np(::pthread_self(), "pelmor-vboard");
-  std::unique_lock<std::mutex> lk(mu_);
+  Guard lk(mu_);
   for (;;) {
     advance_to(raw_now());
     const std::uint64_t due = next_due();
     if (due == never) {
-      wake_.wait(lk);
+      lk.wait(wake_);
       continue;
     }
     const std::uint64_t now = raw_now();
@@ -600,7 +600,7 @@ void Board::thread_main() {
       lk.lock();
       continue;
     }
-    wake_.wait_until(lk, std::chrono::steady_clock::now() + std::chrono::nanoseconds(due - now - spin));
+    lk.wait(wake_, std::chrono::steady_clock::now() + std::chrono::nanoseconds(due - now - spin));
   }
 }
 
@@ -611,7 +611,7 @@ int Board::ioctl(int fd, unsigned long request, void* arg) {
   std::uint64_t end = 0;
   int result = 0;
   {
-    std::lock_guard<std::mutex> lk(mu_);
+    Guard lk(mu_);
     ensure_initialised();
     ++counters.ioctls;
     auto it = nodes_.find(fd);
@@ -939,7 +939,7 @@ ssize_t Board::spi_read_write(int fd, const void* tx, void* rx, std::size_t coun
   std::uint64_t end = 0;
   int result = 0;
   {
-    std::lock_guard<std::mutex> lk(mu_);
+    Guard lk(mu_);
     ensure_initialised();
     if (rx != nullptr) ++counters.reads;
     auto it = nodes_.find(fd);
@@ -1098,7 +1098,7 @@ ssize_t Board::read_line(int fd, void* buf, std::size_t count) {
   bool counted = false;
   for (;;) {
     {
-      std::lock_guard<std::mutex> lk(mu_);
+      Guard lk(mu_);
       ensure_initialised();
       if (!counted) ++counters.reads;
       counted = true;
@@ -1152,7 +1152,7 @@ int Board::poll(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout,
     std::uint64_t next = never;
     const std::uint64_t now = raw_now();
     {
-      std::lock_guard<std::mutex> lk(mu_);
+      Guard lk(mu_);
       ensure_initialised();
       if (!counted) ++counters.polls;
       counted = true;

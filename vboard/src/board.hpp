@@ -41,6 +41,52 @@ inline std::uint8_t fd_kind(int fd) {
 std::uint64_t raw_now();
 std::uint64_t monotonic_now();
 
+// The board's lock. Our entry points run inside sanitizer interceptors (poll,
+// read, ...) that stop recording lock calls while the real function runs, so the
+// lock is also announced to ThreadSanitizer directly; without it the hooks are null.
+extern "C" void __tsan_acquire(void* addr) __attribute__((weak));
+extern "C" void __tsan_release(void* addr) __attribute__((weak));
+
+inline void announce_acquire(void* m) {
+  if (__tsan_acquire != nullptr) __tsan_acquire(m);
+}
+inline void announce_release(void* m) {
+  if (__tsan_release != nullptr) __tsan_release(m);
+}
+
+class Guard {
+ public:
+  explicit Guard(std::mutex& m) : lk_(m) { announce_acquire(&m); }
+  Guard(Guard&& other) noexcept = default;
+  Guard(const Guard&) = delete;
+  Guard& operator=(const Guard&) = delete;
+  ~Guard() {
+    if (lk_.owns_lock()) announce_release(lk_.mutex());
+  }
+  void unlock() {
+    announce_release(lk_.mutex());
+    lk_.unlock();
+  }
+  void lock() {
+    lk_.lock();
+    announce_acquire(lk_.mutex());
+  }
+  template <typename Until>
+  void wait(std::condition_variable& cv, const Until& until) {
+    announce_release(lk_.mutex());
+    cv.wait_until(lk_, until);
+    announce_acquire(lk_.mutex());
+  }
+  void wait(std::condition_variable& cv) {
+    announce_release(lk_.mutex());
+    cv.wait(lk_);
+    announce_acquire(lk_.mutex());
+  }
+
+ private:
+  std::unique_lock<std::mutex> lk_;
+};
+
 template <typename T>
 class Ring {
  public:
@@ -161,7 +207,7 @@ class Board {
  public:
   Board();
   void reset_locked(const Config& config);
-  std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mu_); }
+  Guard lock() { return Guard(mu_); }
   void ensure_initialised();
 
   // ---- descriptors (interposition layer) ----

@@ -18,8 +18,8 @@ using detail::raw_now;
 
 namespace {
 
-std::unique_lock<std::mutex> locked(Board& b) {
-  auto lk = b.lock();
+detail::Guard locked(Board& b) {
+  detail::Guard lk = b.lock();
   b.ensure_initialised();
   b.advance_to(raw_now());
   return lk;
@@ -45,7 +45,8 @@ bool wait_on(std::chrono::nanoseconds timeout, Pred pred) {
     // on the board thread being scheduled.
     const std::uint64_t wake = std::min(deadline, b.next_due());
     const std::uint64_t left = wake > now ? wake - now : 0;
-    b.waiters().wait_for(lk, std::chrono::nanoseconds(std::min<std::uint64_t>(left, 50000000)));
+    lk.wait(b.waiters(), std::chrono::steady_clock::now() +
+                             std::chrono::nanoseconds(std::min<std::uint64_t>(left, 50000000)));
   }
 }
 

@@ -136,7 +136,7 @@ bool board_open(int dirfd, const char* path, int flags, int& result) {
   if (name == nullptr) return false;
   const int saved = errno;
   Board& b = board();
-  std::lock_guard<std::mutex> lk(b.mutex());
+  pelmor_vboard::detail::Guard lk(b.mutex());
   b.ensure_initialised();
   std::size_t chip = 0;
   const std::uint8_t kind = b.node_for_name(name, chip);
@@ -194,11 +194,11 @@ void track_dir(DIR* d) {
   state->entries.emplace_back("..", DT_DIR);
   {
     Board& b = board();
-    std::lock_guard<std::mutex> lk(b.mutex());
+    pelmor_vboard::detail::Guard lk(b.mutex());
     b.ensure_initialised();
     for (auto& e : b.dev_entries()) state->entries.push_back(e);
   }
-  std::lock_guard<std::mutex> lk(dirs_mutex());
+  pelmor_vboard::detail::Guard lk(dirs_mutex());
   auto [it, fresh] = dirs().emplace(d, state);
   if (!fresh) {
     delete it->second;
@@ -210,14 +210,14 @@ void track_dir(DIR* d) {
 
 DirState* dir_state(DIR* d) {
   if (g_open_dirs.load(std::memory_order_acquire) == 0) return nullptr;
-  std::lock_guard<std::mutex> lk(dirs_mutex());
+  pelmor_vboard::detail::Guard lk(dirs_mutex());
   auto it = dirs().find(d);
   return it == dirs().end() ? nullptr : it->second;
 }
 
 void untrack_dir(DIR* d) {
   if (g_open_dirs.load(std::memory_order_acquire) == 0) return;
-  std::lock_guard<std::mutex> lk(dirs_mutex());
+  pelmor_vboard::detail::Guard lk(dirs_mutex());
   auto it = dirs().find(d);
   if (it == dirs().end()) return;
   delete it->second;
@@ -306,7 +306,7 @@ ssize_t board_read(int fd, std::uint8_t kind, void* buf, size_t count) {
 void release_if_board(int fd) {
   if (fd_kind(fd) == kind_none) return;
   Board& b = board();
-  std::lock_guard<std::mutex> lk(b.mutex());
+  pelmor_vboard::detail::Guard lk(b.mutex());
   b.release_fd(fd);
 }
 

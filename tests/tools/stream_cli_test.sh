@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# pelmor-stream as a process on the virtual board, through tools/pelmor-vboard.
+# usage: stream_cli_test.sh formats|signals|exit_codes|truth STREAM_EXE LAUNCHER BOARD_LIB
+set -uo pipefail
+case_name=$1 stream=$2 launcher=$3 board=$4
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+unset "${!PELMOR_VBOARD_@}"
+
+fail() { echo "FAIL ($case_name): $*"; echo "--- stderr:"; cat "$work/err"; exit 1; }
+# run [launcher options] -- [tool arguments]: output in $work/out and $work/err, status in $rc
+run() {
+  local opts=()
+  while [[ $1 != -- ]]; do opts+=("$1"); shift; done
+  shift
+  "$launcher" --board "$board" "${opts[@]}" -- "$stream" "$@" > "$work/out" 2> "$work/err"
+  rc=$?
+}
+delivered() { awk '$1 == "samples_delivered" { print $2 }' "$work/err"; }
+rows() { wc -l < "${1:-$work/out}"; }
+expect_rc() { [[ $rc == "$1" ]] || fail "exit code $rc, expected $1"; }
+expect_err() { grep -qF -- "$1" "$work/err" || fail "stderr lacks: $1"; }
+
+case $case_name in
+formats)
+  run -- --count 8 --output "$work/s.csv" --quiet
+  expect_rc 0
+  [[ ! -s $work/out ]] || fail "samples written to stdout despite --output"
+  ! grep -qE '^pelmor-stream:|runtime health' "$work/err" || fail "--quiet still shows status or health"
+  [[ $(rows "$work/s.csv") == 9 ]] || fail "expected a header and 8 rows"
+  awk -F, 'NR == 1 { if (NF != 23) exit 1; next }
+           NF != 23 || $1 != NR - 2 || $2 <= last { exit 1 } { last = $2 }' "$work/s.csv" ||
+    fail "rows out of order or malformed: $(cat "$work/s.csv")"
+  for format in jsonl text; do
+    run -- --format "$format" -n 5 --rate 25
+    expect_rc 0
+    [[ $(rows) == 5 ]] || fail "$format: expected 5 lines"
+    for i in 0 1 2 3 4; do
+      prefix="#$i mapped="
+      [[ $format == jsonl ]] && prefix="{\"sample_index\":$i,"
+      sed -n "$((i + 1))p" "$work/out" | grep -qF -- "$prefix" || fail "$format line $i: $(cat "$work/out")"
+    done
+    (( $(delivered) >= 5 )) || fail "$format: no health table"
+  done ;;
+signals)
+  for signal in INT TERM; do
+    "$launcher" --board "$board" -- "$stream" > "$work/out" 2> "$work/err" &
+    pid=$!
+    # Synchronise on a status line that has counted samples, not on time.
+    for _ in $(seq 600); do
+      grep -qE 'pelmor-stream: .* [1-9][0-9]* samples' "$work/err" && break
+      sleep 0.1
+    done
+    kill -s "$signal" "$pid"
+    wait "$pid"
+    rc=$?
+    expect_rc 0
+    expect_err "TIMING_DROP_SUMMARY label=final"
+    # Everything the driver delivered reached the output, and nothing else.
+    [[ $(delivered) == $(($(rows) - 1)) ]] || fail "SIG$signal: delivered $(delivered), rows $(rows)"
+  done ;;
+exit_codes)
+  run -- --rate 50
+  expect_rc 2
+  expect_err "Try 'pelmor-stream --help'"
+  "$stream" --truth "$work/t.csv" --count 1 > "$work/out" 2> "$work/err"
+  rc=$?
+  expect_rc 2
+  expect_err "--truth needs the virtual board"
+  run -- --output /nonexistent-dir/x.csv
+  expect_rc 4
+  expect_err "cannot open /nonexistent-dir/x.csv"
+  run --no-spidev -- --count 3
+  expect_rc 1
+  expect_err "ICM-42688 start failed: "
+  expect_err "pelmor-stream: start failed: I/O error (-3)"
+  [[ ! -s $work/out ]] || fail "output written for a run that never started"
+  # A sentinel sample well after the first accepted one ends the worker.
+  run --faults "sentinel:nth=200" -- --duration 120
+  expect_rc 3
+  expect_err "worker ended by itself"
+  [[ $(delivered) == $(($(rows) - 1)) ]] || fail "health table missing or rows lost" ;;
+truth)
+  run --profile realistic -- --count 12 --quiet --truth "$work/t.csv"
+  expect_rc 0
+  head -1 "$work/t.csv" | grep -q '^index,raw_ns,' || fail "truth header"
+  # Every sample has a true instant with its FIFO timestamp field within 1 ms of its mapped time.
+  awk -F, 'FNR == 1 { next }
+           FILENAME == ARGV[1] { truth[$6] = truth[$6] " " $2; next }
+           { found = 0; n = split(truth[$19], t, " ")
+             for (i = 1; i <= n; i++) if (t[i] - $2 < 1e6 && $2 - t[i] < 1e6) found = 1
+             if (!found) { print "unmatched: " $0; bad = 1 } }
+           END { exit bad }' "$work/t.csv" "$work/out" || fail "samples missing from the truth" ;;
+*)
+  fail "unknown case" ;;
+esac
+echo "ok ($case_name)"
