@@ -124,7 +124,8 @@ TEST(VboardFaults, EdgeFaultsShowInTheSequenceNumbers) {
   std::vector<std::uint64_t> stamps;
   EXPECT_EQ(seqnos(line2, 4, &stamps), (std::vector<std::uint32_t>{1, 2, 3, 4})) << "no gap, one edge missing";
   ASSERT_EQ(stamps.size(), 4u);
-  EXPECT_NEAR(static_cast<double>(stamps[2] - stamps[1]), 10e6, 2000.0);
+  EXPECT_EQ(stamps[1], pv::sample(1)->event_monotonic_ns);
+  EXPECT_EQ(stamps[2], pv::sample(3)->event_monotonic_ns) << "sample 2 raised nothing";
   EXPECT_EQ(pv::sample(2)->edge, pv::EdgeOutcome::suppressed);
 
   pv::reset();
@@ -135,10 +136,11 @@ TEST(VboardFaults, EdgeFaultsShowInTheSequenceNumbers) {
   stamps.clear();
   EXPECT_EQ(seqnos(line3, 4, &stamps), (std::vector<std::uint32_t>{1, 2, 3, 4}));
   ASSERT_EQ(stamps.size(), 4u);
-  EXPECT_NEAR(static_cast<double>(stamps[2] - stamps[1]), 1e6, 2000.0) << "the extra edge 1 ms after the second";
   const auto extra = pv::edges(2, 1);
   ASSERT_EQ(extra.size(), 1u);
   EXPECT_EQ(extra[0].sample_index, UINT64_MAX);
+  EXPECT_EQ(extra[0].raw_ns, pv::sample(1)->raw_ns + 1000000) << "the extra edge 1 ms after the second";
+  EXPECT_EQ(stamps[2], extra[0].event_monotonic_ns);
 }
 
 TEST(VboardFaults, SentinelAndStalledFifo) {

@@ -2,7 +2,7 @@
 // call concerns an emulated node and otherwise goes straight to the next
 // definition (libc, or whatever comes after us), leaving errno as that sets it.
 // The definitions carry the libc names through asm labels so that no glibc
-// prototype (with its exception specification) has to be matched.
+// prototype (with or without its noexcept) has to be matched.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
