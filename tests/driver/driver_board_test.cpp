@@ -90,8 +90,9 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
     ASSERT_TRUE(t.has_value()) << "no truth for sample " << i;
     const double error_ns = std::fabs(static_cast<double>(s.mapped_timestamp_raw_ns) - static_cast<double>(t->raw_ns));
     EXPECT_LE(error_ns, s.phase_uncertainty_us * 1000.0) << "sample " << i;
-    // The event is the edge that announced this very sample.
-    EXPECT_GE(s.event_timestamp_raw_ns + 1000, t->raw_ns) << i;
+    // The event is the edge that announced this very sample (the bridge has
+    // an uncertainty of its own).
+    EXPECT_GE(s.event_timestamp_raw_ns + 20000, t->raw_ns) << i;
     EXPECT_LT(s.event_timestamp_raw_ns, t->raw_ns + 1000000) << i;
     EXPECT_NEAR(s.accel_mps2[0], t->accel[0] * 0.00048828125 * 9.80665, 1e-12);
     EXPECT_NEAR(s.gyro_radps[1], t->gyro[1] / 16.4 * 0.017453292519943295, 1e-12);
