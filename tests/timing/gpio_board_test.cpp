@@ -43,6 +43,18 @@ TEST(GpioChipDiscovery, FirstLabelledChipInDirectoryOrderWins) {
   second.open_interrupt_line();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(vb::last_line_request()->chip_name, "gpiochip1");
+
+  // Nor is one that cannot even be opened.
+  vb::Config config = vb::Config::ideal();
+  config.chips = {vb::ChipConfig{}, vb::ChipConfig{}};
+  config.chips[0].open_errno = EACCES;
+  config.chips[1].name = "gpiochip1";
+  vb::reset(config);
+  GpioInterruptLine third;
+  testing::internal::CaptureStderr();
+  third.open_interrupt_line();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(vb::last_line_request()->chip_name, "gpiochip1");
 }
 
 TEST(GpioChipDiscovery, FailuresCarryTheirTexts) {
@@ -107,6 +119,15 @@ TEST(GpioLineEventsOnBoard, EdgesAreBridgedToTheirTrueInstantAndGapsCounted) {
   EXPECT_EQ(gaps, 1);
   EXPECT_EQ(vb::fault_hits(drop), 1U);
   EXPECT_EQ(line.metrics().events, 9U);
+
+  // A wake-up whose event is gone by the read is no event, and no error.
+  vb::fail_line_read(EAGAIN, vb::Trigger::once());
+  EXPECT_FALSE(line.read_line_event(e, 1000));
+  EXPECT_TRUE(line.read_line_event(e, 1000));
+  EXPECT_FALSE(e.seqno_gap);
+  vb::fail_line_read(EIO, vb::Trigger::once());
+  EXPECT_EQ(error_of<std::runtime_error>([&] { line.read_line_event(e, 1000); }),
+            "read GPIO395 line event, errno=5 (Input/output error)");
 }
 
 }  // namespace

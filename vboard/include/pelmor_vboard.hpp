@@ -72,6 +72,7 @@ struct ChipConfig {
   std::string label = "34120000.gpio";  // gpiochip_info.label
   std::uint32_t lines = 32;
   std::int32_t int1_offset = 16;        // line wired to the sensor's INT1; -1: none
+  int open_errno = 0;                   // non-zero: opening the entry fails with it
 };
 
 struct Config {
@@ -325,6 +326,9 @@ FaultId spurious_edges(Trigger when, std::uint64_t offset_ns = 0);
 FaultId sentinel_samples(Trigger when);
 // Samples (counted from now on) that are not appended to the FIFO; edges go on.
 FaultId stall_fifo(Trigger when);
+// Reads of a GPIO line descriptor fail with error_number before taking an event
+// (EAGAIN: a wake-up whose event is gone by the time of the read).
+FaultId fail_line_read(int error_number, Trigger when = {});
 
 // Presence and identity, effective for the next open / directory listing / reset.
 void set_spidev_present(bool present);

@@ -1113,6 +1113,9 @@ ssize_t Board::read_line(int fd, void* buf, std::size_t count) {
       auto it = nodes_.find(fd);
       if (it == nodes_.end()) return -EBADF;
       if (it->second.generation != generation) return -ENODEV;
+      if (Fault* f = fault_firing(FaultType::fail_line_read, SpiMessageKind::any, IoctlTarget::any)) {
+        return -f->error_number;
+      }
       advance_to(raw_now());
       LineRequest& line = *it->second.line;
       std::size_t n = 0;

@@ -161,7 +161,7 @@ struct Node {
 
 enum class FaultType : std::uint8_t {
   fail_ioctl, fail_spi, short_spi, stretch_spi, corrupt_read,
-  drop_edge, suppress_edge, spurious_edge, sentinel, stall_fifo,
+  drop_edge, suppress_edge, spurious_edge, sentinel, stall_fifo, fail_line_read,
 };
 
 struct Fault {

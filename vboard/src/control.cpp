@@ -318,6 +318,14 @@ PELMOR_VBOARD_API FaultId stall_fifo(Trigger when) {
   return add(f);
 }
 
+PELMOR_VBOARD_API FaultId fail_line_read(int error_number, Trigger when) {
+  Fault f;
+  f.type = FaultType::fail_line_read;
+  f.error_number = error_number;
+  f.when = when;
+  return add(f);
+}
+
 PELMOR_VBOARD_API void set_spidev_present(bool present) {
   Board& b = board();
   auto lk = locked(b);

@@ -254,6 +254,7 @@ bool parse_fault(const std::string& text, Fault& f) {
       {"register-read", FaultType::corrupt_read}, {"drop-edge", FaultType::drop_edge},
       {"suppress-edge", FaultType::suppress_edge}, {"spurious-edge", FaultType::spurious_edge},
       {"sentinel", FaultType::sentinel},          {"stall-fifo", FaultType::stall_fifo},
+      {"line-read-error", FaultType::fail_line_read},
   };
   bool known = false;
   for (const auto& [n, t] : names) {

@@ -151,6 +151,11 @@ bool board_open(int dirfd, const char* path, int flags, int& result) {
     result = -1;
     return true;
   }
+  if (kind == kind_chip && b.config.chips[chip].open_errno != 0) {
+    errno = b.config.chips[chip].open_errno;
+    result = -1;
+    return true;
+  }
   const int fd = b.open_node(kind, chip, flags);
   if (fd < 0) {
     errno = -fd;
