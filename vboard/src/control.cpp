@@ -31,6 +31,14 @@ FaultId add(Fault f) {
   return detail::add_fault_locked(b, f);
 }
 
+// Faults that need nothing but their kind and trigger.
+FaultId add(FaultType type, Trigger when) {
+  Fault f;
+  f.type = type;
+  f.when = when;
+  return add(f);
+}
+
 template <typename Pred>
 bool wait_on(std::chrono::nanoseconds timeout, Pred pred) {
   Board& b = board();
@@ -282,19 +290,9 @@ PELMOR_VBOARD_API FaultId corrupt_register_read(int bank, std::uint8_t reg, std:
   return add(f);
 }
 
-PELMOR_VBOARD_API FaultId drop_edges(Trigger when) {
-  Fault f;
-  f.type = FaultType::drop_edge;
-  f.when = when;
-  return add(f);
-}
+PELMOR_VBOARD_API FaultId drop_edges(Trigger when) { return add(FaultType::drop_edge, when); }
 
-PELMOR_VBOARD_API FaultId suppress_edges(Trigger when) {
-  Fault f;
-  f.type = FaultType::suppress_edge;
-  f.when = when;
-  return add(f);
-}
+PELMOR_VBOARD_API FaultId suppress_edges(Trigger when) { return add(FaultType::suppress_edge, when); }
 
 PELMOR_VBOARD_API FaultId spurious_edges(Trigger when, std::uint64_t offset_ns) {
   Fault f;
@@ -304,19 +302,9 @@ PELMOR_VBOARD_API FaultId spurious_edges(Trigger when, std::uint64_t offset_ns) 
   return add(f);
 }
 
-PELMOR_VBOARD_API FaultId sentinel_samples(Trigger when) {
-  Fault f;
-  f.type = FaultType::sentinel;
-  f.when = when;
-  return add(f);
-}
+PELMOR_VBOARD_API FaultId sentinel_samples(Trigger when) { return add(FaultType::sentinel, when); }
 
-PELMOR_VBOARD_API FaultId stall_fifo(Trigger when) {
-  Fault f;
-  f.type = FaultType::stall_fifo;
-  f.when = when;
-  return add(f);
-}
+PELMOR_VBOARD_API FaultId stall_fifo(Trigger when) { return add(FaultType::stall_fifo, when); }
 
 PELMOR_VBOARD_API FaultId fail_line_read(int error_number, Trigger when) {
   Fault f;

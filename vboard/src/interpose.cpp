@@ -586,12 +586,12 @@ struct dirent64* pv_readdir64(DIR* d) {
   return next_readdir64()(d);
 }
 
-int pv_readdir_r(DIR* d, struct dirent* entry, struct dirent** result) {
-  DirState* s = dir_state(d);
-  if (s == nullptr) return next_readdir_r()(d, entry, result);
+// readdir_r on a board listing: the entry is copied out of the board's own buffer.
+template <typename Entry>
+int board_readdir_r(DIR* d, DirState* s, Entry* entry, Entry** result, Entry* (*next)(DIR*, DirState*)) {
   const int saved = errno;
   errno = 0;
-  struct dirent* e = board_readdir(d, s);
+  Entry* e = next(d, s);
   const int error = errno;
   errno = saved;
   if (e == nullptr) {
@@ -603,21 +603,16 @@ int pv_readdir_r(DIR* d, struct dirent* entry, struct dirent** result) {
   return 0;
 }
 
+int pv_readdir_r(DIR* d, struct dirent* entry, struct dirent** result) {
+  DirState* s = dir_state(d);
+  if (s == nullptr) return next_readdir_r()(d, entry, result);
+  return board_readdir_r(d, s, entry, result, &board_readdir);
+}
+
 int pv_readdir64_r(DIR* d, struct dirent64* entry, struct dirent64** result) {
   DirState* s = dir_state(d);
   if (s == nullptr) return next_readdir64_r()(d, entry, result);
-  const int saved = errno;
-  errno = 0;
-  struct dirent64* e = board_readdir64(d, s);
-  const int error = errno;
-  errno = saved;
-  if (e == nullptr) {
-    *result = nullptr;
-    return error;
-  }
-  std::memcpy(entry, e, sizeof *entry);
-  *result = entry;
-  return 0;
+  return board_readdir_r(d, s, entry, result, &board_readdir64);
 }
 
 void pv_rewinddir(DIR* d) {
