@@ -60,7 +60,7 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
   BoardClient client(run.rate_hz);
   ASSERT_EQ(client.create_status, PELMOR_OK);
   testing::internal::CaptureStderr();
-  const std::int32_t start_status = pelmor_start(client.handle);
+  const std::int32_t start_status = pelmor_test::start_on_board(client.handle);
   const std::uint64_t started_at = pelmor_test::raw_now_ns();
   const std::size_t wanted = 3 * run.rate_hz;  // about three seconds
   const bool got_them = client.wait_for_samples(wanted, 15s);
@@ -139,7 +139,7 @@ TEST(Lifecycle, SecondStartWhileRunningIsRefusedWithoutDisturbingTheRun) {
   vb::reset(vb::Config::ideal());
   BoardClient client(30);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
   ASSERT_TRUE(client.wait_for_samples(5, 10s));
   EXPECT_EQ(pelmor_start(client.handle), PELMOR_ERR_INVALID_STATE);
   const std::size_t before = client.sample_count();
@@ -151,7 +151,7 @@ TEST(Lifecycle, SecondStartWhileRunningIsRefusedWithoutDisturbingTheRun) {
   EXPECT_EQ(pelmor_stop(client.handle), PELMOR_OK);
   EXPECT_EQ(pelmor_stop(client.handle), PELMOR_OK);
   const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(lines_starting_with(log, "ICM-42688 start failed").empty()) << log;
+  EXPECT_TRUE(lines_starting_with(log, "ICM-42688 start failed: IMU driver is already running").empty()) << log;
   EXPECT_EQ(lines_starting_with(log, "TIMING_DROP_SUMMARY label=final").size(), 1U) << log;
 }
 
@@ -189,7 +189,7 @@ TEST_P(StartFailure, LeavesTheDriverStoppedWithNothingOpenAndALaterStartWorks) {
   vb::set_chips({vb::ChipConfig{}});
   vb::set_who_am_i(0x47);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK) << testing::internal::GetCapturedStderr();
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK) << testing::internal::GetCapturedStderr();
   EXPECT_TRUE(client.wait_for_samples(3, 10s));
   EXPECT_EQ(pelmor_stop(client.handle), PELMOR_OK);
   testing::internal::GetCapturedStderr();
@@ -229,7 +229,7 @@ TEST(Lifecycle, DestroyWhileRunningStopsAndFrees) {
   testing::internal::CaptureStderr();
   {
     BoardClient client(25);
-    ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+    ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
     ASSERT_TRUE(client.wait_for_samples(2, 10s));
   }  // pelmor_destroy on a running driver
   const std::string log = testing::internal::GetCapturedStderr();
@@ -241,7 +241,7 @@ TEST(Lifecycle, StopIsPromptEvenWhenTheBoardFallsSilent) {
   vb::reset(vb::Config::ideal());
   BoardClient client(25);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
   ASSERT_TRUE(client.wait_for_samples(2, 10s));
   vb::suppress_edges(vb::Trigger::from());
   std::this_thread::sleep_for(150ms);  // let the worker settle into its blocking wait
@@ -256,7 +256,7 @@ TEST(Lifecycle, StartAfterTheWorkerDiedClosesItsEpochFirst) {
   vb::reset(vb::Config::ideal());
   BoardClient client(25);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
   ASSERT_TRUE(client.wait_for_samples(3, 10s));
   vb::sentinel_samples(vb::Trigger::once());
   ASSERT_TRUE(client.wait_until_stopped(10s));
@@ -265,7 +265,7 @@ TEST(Lifecycle, StartAfterTheWorkerDiedClosesItsEpochFirst) {
   EXPECT_EQ(status, PELMOR_ERR_INVALID_STATE);  // the dead worker's epoch is still open
   const std::size_t delivered_first_run = client.sample_count();
 
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
   ASSERT_TRUE(client.wait_for_samples(delivered_first_run + 3, 10s));
   EXPECT_EQ(pelmor_stop(client.handle), PELMOR_OK);
   const std::string log = testing::internal::GetCapturedStderr();

@@ -42,19 +42,22 @@ struct FaultRun {
       : client(rate_hz, strict) {
     vb::reset(config);
     testing::internal::CaptureStderr();
-    start_status = pelmor_start(client.handle);
+    start_status = pelmor_test::start_on_board(client.handle);
   }
   std::string finish() {
     pelmor_stop(client.handle);
+    if (!capturing) return {};
+    capturing = false;
     return testing::internal::GetCapturedStderr();
   }
   BoardClient client;
   std::int32_t start_status = PELMOR_ERR_INTERNAL;
+  bool capturing = true;
 };
 
 TEST(SequenceGap, ResyncsCountsAndCarriesOn) {
   FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(5, 10s));
   vb::drop_edges(vb::Trigger::once());
   const std::size_t before = run.client.sample_count();
@@ -80,7 +83,7 @@ TEST(SequenceGap, ResyncsCountsAndCarriesOn) {
 
 TEST(SequenceGap, IsFatalInStrictMode) {
   FaultRun run(25, 1);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   vb::drop_edges(vb::Trigger::once());
   ASSERT_TRUE(run.client.wait_until_stopped(10s));
@@ -95,7 +98,7 @@ TEST(SequenceGap, IsFatalInStrictMode) {
 
 TEST(MissingEdges, ATimedOutPairingIsABatchMismatchResync) {
   FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   // One missing edge is absorbed by the next one; a second while behind leaves
   // the pairing wait empty.
@@ -119,7 +122,7 @@ TEST(SpuriousEdge, GoesUnnoticedByThePipelineButShiftsEventStamps) {
   // With no phase calibration an extra edge cannot be told from a real one: the
   // run carries on, and later event stamps belong to the edge before.
   FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   vb::spurious_edges(vb::Trigger::once());
   const std::size_t before = run.client.sample_count();
@@ -139,7 +142,7 @@ TEST(SpuriousEdge, GoesUnnoticedByThePipelineButShiftsEventStamps) {
 
 TEST(StalledWorker, QueueOverflowResyncs) {
   FaultRun run(30);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   // A callback that blocks for a second holds the worker while 200 edges queue up.
   static std::atomic<bool> block_once{true};
@@ -173,7 +176,7 @@ TEST(StretchedSnapshots, AStretchedBoundaryAnchorIsRetried) {
   vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger::once(5));
   BoardClient client(25);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK) << testing::internal::GetCapturedStderr();
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK) << testing::internal::GetCapturedStderr();
   EXPECT_TRUE(client.wait_for_samples(3, 10s));
   pelmor_stop(client.handle);
   const std::string log = testing::internal::GetCapturedStderr();
@@ -182,7 +185,7 @@ TEST(StretchedSnapshots, AStretchedBoundaryAnchorIsRetried) {
 
 TEST(StretchedSnapshots, ResyncRetriesThenSucceeds) {
   FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger{1, 20});
   vb::drop_edges(vb::Trigger::once());
@@ -201,7 +204,7 @@ TEST(StretchedSnapshots, ResyncRetriesThenSucceeds) {
 
 TEST(StretchedSnapshots, ExhaustedResyncEndsTheWorker) {
   FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger::from());
   vb::drop_edges(vb::Trigger::once());
@@ -233,7 +236,7 @@ TEST(StartupSentinels, AreSkippedWithAReanchorEverySixteenth) {
   config.startup_sentinel_samples = 120;
   config.spi_log_capacity = 8192;
   FaultRun run(30, 0, config);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
   const std::string log = run.finish();
   EXPECT_TRUE(lines_starting_with(log, "imu worker fatal").empty()) << log;
@@ -257,7 +260,7 @@ TEST(StartupSentinels, ThatNeverClearAreFatal) {
   vb::Config config = vb::Config::ideal();
   config.startup_sentinel_samples = 1000;
   FaultRun run(30, 0, config);
-  ASSERT_EQ(run.start_status, PELMOR_OK);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
   ASSERT_TRUE(run.client.wait_until_stopped(20s));
   const std::string log = run.finish();
   const auto fatal = lines_starting_with(log, "imu worker fatal: ");
@@ -269,7 +272,7 @@ TEST(StartupSentinels, ThatNeverClearAreFatal) {
 TEST(StepGate, AMissingFifoSampleResyncsOrIsFatalInStrictMode) {
   for (std::uint32_t strict : {0U, 1U}) {
     FaultRun run(25, strict);
-    ASSERT_EQ(run.start_status, PELMOR_OK);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
     ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
     vb::stall_fifo(vb::Trigger::once());
     if (strict != 0) {
