@@ -12,9 +12,9 @@ out=build/demo
 mkdir -p "$out"
 echo
 echo "== pelmor-stream on the virtual board (realistic profile): 30 Hz for 10 s -> $out/samples.csv"
-tools/pelmor-vboard --board build/default/vboard/libpelmor_vboard.so.1 --profile realistic -- \
-  build/default/tools/pelmor-stream --rate 30 --duration 10 --format csv \
-  --output "$out/samples.csv" --truth "$out/truth.csv"
+tools/pelmor-vboard --board build/default/vboard/libpelmor_vboard.so.1 --profile realistic \
+  --truth-file "$out/truth.csv" -- \
+  build/default/tools/pelmor-stream --rate 30 --duration 10 --format csv --output "$out/samples.csv"
 echo
 echo "== timing report"
 /usr/bin/python3 tools/pelmor-timing-report "$out/samples.csv" "$out/truth.csv" --plot "$out/timing.png"

@@ -63,10 +63,6 @@ exit_codes)
   run -- --rate 50
   expect_rc 2
   expect_err "Try 'pelmor-stream --help'"
-  "$stream" --truth "$work/t.csv" --count 1 > "$work/out" 2> "$work/err"
-  rc=$?
-  expect_rc 2
-  expect_err "--truth needs the virtual board"
   run -- --output /nonexistent-dir/x.csv
   expect_rc 4
   expect_err "cannot open /nonexistent-dir/x.csv"
@@ -81,7 +77,7 @@ exit_codes)
   expect_err "worker ended by itself"
   [[ $(delivered) == $(($(rows) - 1)) ]] || fail "health table missing or rows lost" ;;
 truth)
-  run --profile realistic -- --count 12 --quiet --truth "$work/t.csv"
+  run --profile realistic --truth-file "$work/t.csv" -- --count 12 --quiet
   expect_rc 0
   head -1 "$work/t.csv" | grep -q '^index,raw_ns,' || fail "truth header"
   # Every sample has a true instant with its FIFO timestamp field within 1 ms of its mapped time.

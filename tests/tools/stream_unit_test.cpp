@@ -1,5 +1,5 @@
 // pelmor-stream's pure parts: command line, sample formats, status and health
-// text, the hand-off queue and the ground-truth rows.
+// text and the hand-off queue.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,7 +10,6 @@
 #include <thread>
 #include <vector>
 
-#include "board_truth.hpp"
 #include "options.hpp"
 #include "sample_format.hpp"
 #include "sample_queue.hpp"
@@ -27,7 +26,7 @@ TEST(StreamOptions, DefaultsAndEveryAcceptedForm) {
   EXPECT_EQ(defaults.duration_ns + defaults.count, 0u);  // runs until a signal
 
   const ParsedCommand all = parse({"--rate", "25", "--strict", "--duration=2.5", "-n", "7", "-f", "jsonl", "-o",
-                                   "out.jsonl", "-q", "--truth=t.csv", "--format", "text"});
+                                   "out.jsonl", "-q", "--format", "text"});
   ASSERT_EQ(all.action, CommandAction::run) << all.error;
   const StreamOptions& o = all.options;
   EXPECT_EQ(o.rate_hz, 25u);
@@ -36,7 +35,6 @@ TEST(StreamOptions, DefaultsAndEveryAcceptedForm) {
   EXPECT_EQ(o.count, 7u);
   EXPECT_EQ(o.format, OutputFormat::text);  // the last one wins
   EXPECT_EQ(o.output, "out.jsonl");
-  EXPECT_EQ(o.truth, "t.csv");
 
   EXPECT_EQ(parse({"--rate", "40", "--help"}).action, CommandAction::usage_error);  // in order
   EXPECT_EQ(parse({"-r", "25", "-h"}).action, CommandAction::help);
@@ -196,23 +194,6 @@ TEST(SampleHandOff, KeepsOrderAcrossThreadsAndCountsOverruns) {
   producer.join();
   ASSERT_EQ(received.size(), total);
   for (std::uint64_t i = 0; i < total; ++i) ASSERT_EQ(received[i].sample_index, i);
-}
-
-TEST(BoardTruth, RowFormat) {
-  pelmor_vboard::SampleTruth t;
-  t.index = 7;
-  t.raw_ns = 1'000'000'123;
-  t.monotonic_ns = 1'300'000'123;
-  t.tmst_ticks = 1'048'577;
-  t.tmst = 1;
-  t.tmst_low16 = 1;
-  t.in_fifo = true;
-  t.edge = pelmor_vboard::EdgeOutcome::suppressed;
-  t.line_seqno = 9;
-  t.event_monotonic_ns = 1'300'010'000;
-  t.irq_latency_ns = 9'877;
-  EXPECT_EQ(format_truth_row(t), "7,1000000123,1300000123,1048577,1,1,1,0,suppressed,9,1300010000,9877,0\n");
-  EXPECT_EQ(find_board_samples(), nullptr);  // this test does not load the board
 }
 
 }  // namespace

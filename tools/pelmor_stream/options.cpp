@@ -53,7 +53,7 @@ std::string_view long_name_of_short(std::string_view arg) {
 
 bool takes_value(std::string_view name) {
   return name == "--rate" || name == "--duration" || name == "--count" || name == "--format" ||
-         name == "--output" || name == "--truth";
+         name == "--output";
 }
 
 }  // namespace
@@ -146,9 +146,9 @@ ParsedCommand parse_command_line(const std::vector<std::string>& args) {
       const auto format = parse_format(v);
       if (!format) return usage_error("--format must be csv, jsonl or text, not '" + v + "'");
       options.format = *format;
-    } else if (name == "--output" || name == "--truth") {
+    } else if (name == "--output") {
       if (v.empty()) return usage_error("option '" + name + "' needs a file name");
-      (name == "--output" ? options.output : options.truth) = v;
+      options.output = v;
     }
   }
   return result;
@@ -209,10 +209,6 @@ OPTIONS
         output; "-" means standard output.
     -q, --quiet
         No status lines and no health table; errors are still reported.
-    --truth FILE
-        Only under the virtual board (tools/pelmor-vboard): after the run,
-        write the board's ground truth of every sample it still holds to FILE
-        as CSV, for pelmor-timing-report. Refused when the board is not loaded.
     -h, --help
         This text.
     --version
@@ -238,7 +234,7 @@ EXIT STATUS
     2   usage error: an unknown option or a bad value
     3   the worker ended by itself (a fatal timing or device fault, or a
         fault in --strict mode); the health table is still printed
-    4   the output or truth file could not be opened or written
+    4   the output file could not be opened or written
 
 EXAMPLES
     pelmor-stream --duration 10 --output run.csv
@@ -247,8 +243,9 @@ EXAMPLES
         Stream 25 Hz samples as JSON lines into another program.
     pelmor-stream --format text --count 5
         Print five samples for a quick look.
-    tools/pelmor-vboard --profile realistic -- pelmor-stream --duration 10 \
-        --output run.csv --truth truth.csv && pelmor-timing-report run.csv truth.csv
+    tools/pelmor-vboard --profile realistic --truth-file truth.csv -- \
+        pelmor-stream --duration 10 --output run.csv &&
+        pelmor-timing-report run.csv truth.csv
         Record on the virtual board and judge the timestamps against its
         ground truth.
 )";

@@ -25,7 +25,6 @@ struct StreamOptions {
   OutputFormat format = OutputFormat::csv;
   std::string output;             // empty or "-": standard output
   bool quiet = false;
-  std::string truth;              // empty: no ground-truth dump
 };
 
 enum class CommandAction : std::uint8_t { run, help, version, usage_error };

@@ -18,7 +18,6 @@
 
 #include <pelmor.h>
 
-#include "board_truth.hpp"
 #include "options.hpp"
 #include "sample_format.hpp"
 #include "sample_queue.hpp"
@@ -127,15 +126,6 @@ class StatusLine {
 enum class StopReason { asked, worker_ended, output_failed };
 
 int run(const StreamOptions& options) {
-  BoardSamplesFunction board_samples = nullptr;
-  if (!options.truth.empty()) {
-    board_samples = find_board_samples();
-    if (board_samples == nullptr) {
-      print_error("--truth needs the virtual board, which is not loaded; run under tools/pelmor-vboard");
-      return exit_usage;
-    }
-  }
-
   std::FILE* output = stdout;
   std::string output_name = "standard output";
   if (!options.output.empty() && options.output != "-") {
@@ -250,14 +240,6 @@ int run(const StreamOptions& options) {
   }
   if (queue.overruns() > 0)
     print_error(std::to_string(queue.overruns()) + " samples were lost because the output could not keep up");
-
-  if (board_samples != nullptr) {
-    std::string error;
-    if (!write_truth_csv(options.truth, board_samples, error)) {
-      print_error(error);
-      if (exit_code == exit_ok) exit_code = exit_output_failed;
-    }
-  }
   return exit_code;
 }
 
