@@ -12,16 +12,18 @@
 // that carry another sample's event stamp and asking pelmor-timing-report
 // whether it flags them; and the cost: worker CPU time per delivered sample,
 // callback latency, heap allocations per FIFO batch and on the delivery path,
-// and the duration of pelmor_start.
+// and the duration of pelmor_start. A short run on the ideal profile, where an
+// SPI message costs no bus time, repeats the CPU measurement.
 //
 //   pelmor_timestamp_bench [--duration=60] [--fault-duration=20] [--fault-after=3]
-//                          [--rates=25,30] [--starts=5] [--seed=1] [--out=DIR]
-//                          [--report=PATH | --no-report] [--plot]
+//                          [--ideal-seconds=10] [--settle=5] [--rates=25,30] [--starts=5]
+//                          [--seed=1] [--out=DIR] [--report=PATH | --no-report] [--plot]
 //                          [--interp-batch=4] [--interp-window=8] [--hull-anchors=16]
 //
 // Prints Markdown tables on standard output; the library's own diagnostics go to
 // standard error.
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -38,10 +40,10 @@
 #include <thread>
 #include <vector>
 
-#include "alloc_counter.hpp"
 #include "pelmor.h"
 #include "pelmor_vboard.hpp"
 #include "timing_yardsticks.hpp"
+#include "worker_probe.hpp"
 
 #ifndef PELMOR_TIMING_REPORT
 #define PELMOR_TIMING_REPORT "tools/pelmor-timing-report"
@@ -66,6 +68,8 @@ struct Options {
   double duration_s = 60;
   double fault_duration_s = 20;
   double fault_after_s = 3;
+  double ideal_seconds = 10;
+  double settle_s = 5;
   std::vector<unsigned> rates{25, 30};
   unsigned starts = 5;
   std::uint64_t seed = 1;
@@ -82,8 +86,9 @@ struct Options {
   std::fprintf(stderr,
                "pelmor_timestamp_bench: bad option %s\n"
                "usage: pelmor_timestamp_bench [--duration=S] [--fault-duration=S] [--fault-after=S]\n"
-               "         [--rates=25,30] [--starts=N] [--seed=N] [--out=DIR] [--report=PATH | --no-report]\n"
-               "         [--plot] [--interp-batch=N] [--interp-window=N] [--hull-anchors=N]\n",
+               "         [--ideal-seconds=S] [--settle=S] [--rates=25,30] [--starts=N]\n"
+               "         [--seed=N] [--out=DIR] [--report=PATH | --no-report] [--plot]\n"
+               "         [--interp-batch=N] [--interp-window=N] [--hull-anchors=N]\n",
                bad);
   std::exit(2);
 }
@@ -108,6 +113,10 @@ Options parse_options(int argc, char** argv) {
       o.fault_duration_s = number();
     } else if (key == "--fault-after") {
       o.fault_after_s = number();
+    } else if (key == "--settle") {
+      o.settle_s = number();
+    } else if (key == "--ideal-seconds") {
+      o.ideal_seconds = number();
     } else if (key == "--starts") {
       o.starts = static_cast<unsigned>(count());
     } else if (key == "--seed") {
@@ -200,6 +209,7 @@ class Recorder {
 
 struct SpiEntry {
   vb::SpiMessageKind kind = vb::SpiMessageKind::any;
+  std::uint32_t transfers = 0;
   std::uint64_t raw_start_ns = 0;
   std::uint64_t raw_end_ns = 0;
   bool latched = false;
@@ -235,25 +245,26 @@ const char* fault_tag(Fault f) {
 struct Run {
   unsigned rate = 0;
   Fault fault = Fault::none;
-  double seconds = 0;
   std::int32_t start_status = PELMOR_ERR_INTERNAL;
   std::uint64_t start_ns = 0;
   std::vector<CallbackRecord> records;
   bool records_overflowed = false;
   std::vector<vb::SampleTruth> truth;
+  std::vector<vb::EdgeTruth> edges;
   bool truth_complete = false;
   std::vector<SpiEntry> log;
   bool log_complete = false;
-  pelmor_runtime_health health{};
-  std::int32_t health_status = PELMOR_ERR_INTERNAL;
+  std::vector<CallSpan> snapshot_spans;  // the same messages seen from outside the board
+  pelmor_runtime_health health{};  // zeros when it could not be read
   std::uint64_t fault_hits = 0;
 };
 
 unsigned sensor_rate(unsigned rate) { return rate == 25 ? 25 : 200; }
 double sensor_period_ns(unsigned rate) { return 1e9 / sensor_rate(rate); }
 
-vb::Config board_config(const Options& o, unsigned rate, double seconds) {
+vb::Config board_config(const Options& o, unsigned rate, double seconds, vb::Profile profile) {
   vb::Config cfg = vb::Config::realistic();
+  cfg.profile = profile;
   cfg.seed = o.seed + rate;
   // Keep the whole run: the sensor samples and every SPI message (two FIFO count
   // reads and a data read per sensor sample, a snapshot and its bank restore
@@ -275,12 +286,12 @@ std::int32_t start_timed(pelmor_handle h, std::uint64_t& elapsed_ns) {
   return status;
 }
 
-Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds) {
+Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds,
+               vb::Profile profile = vb::Profile::realistic) {
   Run run;
   run.rate = rate;
   run.fault = fault;
-  run.seconds = seconds;
-  vb::reset(board_config(o, rate, seconds));
+  vb::reset(board_config(o, rate, seconds, profile));
 
   pelmor_config config{};
   config.struct_size = sizeof config;
@@ -291,6 +302,7 @@ Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds) {
   Recorder recorder(static_cast<std::size_t>(seconds * rate * 2) + 1024);
   pelmor_set_callback(handle, &Recorder::on_sample, &recorder);
 
+  take_snapshot_spans();
   run.start_status = start_timed(handle, run.start_ns);
   if (run.start_status == PELMOR_OK) {
     if (fault == Fault::none) {
@@ -304,17 +316,20 @@ Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds) {
       run.fault_hits = vb::fault_hits(id);
     }
     pelmor_stop(handle);
-    run.health.struct_size = sizeof run.health;
-    run.health_status = pelmor_get_runtime_health(handle, &run.health);
+    pelmor_runtime_health health{};
+    health.struct_size = sizeof health;
+    if (pelmor_get_runtime_health(handle, &health) == PELMOR_OK) run.health = health;
   }
   pelmor_destroy(handle);
+  run.snapshot_spans = take_snapshot_spans();
 
   run.records = recorder.take();
   run.records_overflowed = recorder.overflowed();
   run.truth = vb::samples(0);
-  run.truth_complete = vb::samples_produced() == run.truth.size();
+  run.edges = vb::edges(0);
+  run.truth_complete = vb::samples_produced() == run.truth.size() && vb::edges_produced() == run.edges.size();
   for (const vb::SpiMessageRecord& m : vb::spi_log(0)) {
-    run.log.push_back({m.kind, m.raw_start_ns, m.raw_end_ns, m.latched && m.result >= 0, m.latch_tmst});
+    run.log.push_back({m.kind, m.transfer_count, m.raw_start_ns, m.raw_end_ns, m.latched && m.result >= 0, m.latch_tmst});
   }
   run.log_complete = !run.log.empty() && vb::spi_log_mark() == run.log.size();
   return run;
@@ -325,61 +340,52 @@ Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds) {
 struct Cost {
   double cpu_per_sample_ns = 0;
   double bus_per_sample_ns = 0;          // emulated SPI message time on the worker
-  double allocations_per_batch = 0;      // the library's, per FIFO data read
-  double device_allocations_per_batch = 0;
-  std::vector<double> attribution;       // per data read, per snapshot, per delivery
-  std::uint64_t intervals = 0;
-  std::uint64_t intervals_fitting = 0;   // allocations exactly as the per-batch and per-snapshot counts predict
-  std::uint64_t batches = 0;
   bool allocations_counted = false;
+  std::uint64_t intervals = 0;           // between consecutive callbacks
+  std::uint64_t batches = 0;             // FIFO data reads
+  double allocations_per_batch = 0;      // the library's
+  double device_allocations_per_batch = 0;
+  std::vector<double> attribution;       // per batch, per TMST snapshot, per delivery
+  std::uint64_t intervals_fitting = 0;   // exactly whole allocations per batch and per snapshot
+};
+
+struct LineErrors {
+  ErrorStats errors;
+  std::size_t windows = 0;       // fits
+  std::size_t inconsistent = 0;  // fits over brackets no single line passes through
 };
 
 struct Analysis {
   std::size_t delivered = 0;
   std::size_t matched = 0;
-  ErrorStats mapped, event, interpolated, hull, latency;
-  std::size_t hull_windows = 0, hull_inconsistent = 0;
+  ErrorStats mapped, event, interpolated;
+  ErrorStats mapped_settled;  // from settle_s after the first delivery on
+  LineErrors hull;                    // (d), over the board's message bounds
+  LineErrors hull_library_view;       // (d), over the bounds as the library sees them
+  LineErrors midpoints_library_view;  // least squares over the same, as the library fits
+  ErrorStats latency, to_readable, readable_to_callback;
+  // How much earlier / later than the board's own bounds a snapshot message
+  // begins / ends as seen from just outside the board.
+  ErrorStats view_early, view_late;
   std::size_t mispaired = 0;
   std::optional<std::uint64_t> first_mispaired;
   Cost cost;
 };
 
-struct Anchor {
-  LatchBracket bracket;
-};
-
-std::vector<LatchBracket> latch_brackets(const std::vector<SpiEntry>& log) {
-  std::vector<LatchBracket> out;
-  for (const SpiEntry& m : log) {
-    if (m.kind != vb::SpiMessageKind::tmst_snapshot || !m.latched) continue;
-    std::uint64_t tick = m.latch_tmst;
-    if (!out.empty()) {
-      // Nominal 1 us ticks; the drift moves the prediction by far less than half a wrap.
-      const std::uint64_t elapsed_ticks = (m.raw_start_ns - out.back().raw_start_ns) / 1000;
-      tick = unwrap_near(out.back().tick + elapsed_ticks, m.latch_tmst, 20);
-    } else {
-      tick += std::uint64_t{1} << 20;  // room below for samples older than the first latch
-    }
-    out.push_back({tick, m.raw_start_ns, m.raw_end_ns});
-  }
-  return out;
-}
-
 Cost measure_cost(const Run& run) {
   Cost c;
   const auto& r = run.records;
   if (r.size() < 2) return c;
-  const std::uint64_t first = r.front().callback_raw_ns;
-  const std::uint64_t last = r.back().callback_raw_ns;
   const double intervals = static_cast<double>(r.size() - 1);
+  c.intervals = r.size() - 1;
   c.cpu_per_sample_ns = static_cast<double>(r.back().thread_cpu_ns - r.front().thread_cpu_ns) / intervals;
 
-  // Per callback interval: the SPI messages the worker issued in it.
+  // Every SPI message between the first and the last callback is the worker's.
   std::vector<double> x, y;
   std::size_t m = 0;
+  while (m < run.log.size() && run.log[m].raw_start_ns < r.front().callback_raw_ns) ++m;
   double bus_ns = 0;
-  while (m < run.log.size() && run.log[m].raw_start_ns < first) ++m;
-  std::uint64_t total_allocations = 0, total_device = 0;
+  std::uint64_t allocations = 0, device_allocations = 0;
   for (std::size_t i = 1; i < r.size(); ++i) {
     double reads = 0, snapshots = 0;
     for (; m < run.log.size() && run.log[m].raw_start_ns < r[i].callback_raw_ns; ++m) {
@@ -388,101 +394,177 @@ Cost measure_cost(const Run& run) {
       if (e.kind == vb::SpiMessageKind::fifo_data_read) reads += 1;
       if (e.kind == vb::SpiMessageKind::tmst_snapshot) snapshots += 1;
     }
-    const std::uint64_t allocations = r[i].allocations - r[i - 1].allocations;
-    total_allocations += allocations;
-    total_device += r[i].device_allocations - r[i - 1].device_allocations;
+    const std::uint64_t in_interval = r[i].allocations - r[i - 1].allocations;
+    allocations += in_interval;
+    device_allocations += r[i].device_allocations - r[i - 1].device_allocations;
     c.batches += static_cast<std::uint64_t>(reads);
     x.insert(x.end(), {reads, snapshots, 1.0});
-    y.push_back(static_cast<double>(allocations));
+    y.push_back(static_cast<double>(in_interval));
   }
-  (void)last;
   c.bus_per_sample_ns = bus_ns / intervals;
-  c.intervals = r.size() - 1;
-  c.allocations_counted = allocation_counting_available();
+  c.allocations_counted = probe_available();
   if (!c.allocations_counted || c.batches == 0) return c;
-  c.allocations_per_batch = static_cast<double>(total_allocations) / static_cast<double>(c.batches);
-  c.device_allocations_per_batch = static_cast<double>(total_device) / static_cast<double>(c.batches);
+  c.allocations_per_batch = static_cast<double>(allocations) / static_cast<double>(c.batches);
+  c.device_allocations_per_batch = static_cast<double>(device_allocations) / static_cast<double>(c.batches);
+  // At 25 Hz every batch delivers one sample and the three columns are not
+  // independent; then there is no attribution.
   c.attribution = least_squares(x, 3, y);
   if (c.attribution.size() == 3) {
-    const double per_read = std::round(c.attribution[0]);
+    const double per_batch = std::round(c.attribution[0]);
     const double per_snapshot = std::round(c.attribution[1]);
     for (std::size_t i = 0; i < y.size(); ++i) {
-      if (y[i] == per_read * x[3 * i] + per_snapshot * x[3 * i + 1]) c.intervals_fitting += 1;
+      if (y[i] == per_batch * x[3 * i] + per_snapshot * x[3 * i + 1]) c.intervals_fitting += 1;
     }
   }
   return c;
 }
 
+// The TMST latches of the snapshot messages, bracketed by the board's own message
+// bounds, or (library_view) by the instants seen just outside the board, where the
+// library reads its clocks around the ioctl. Empty when the two records disagree.
+std::vector<LatchBracket> snapshot_brackets(const Run& run, bool library_view) {
+  std::vector<LatchObservation> latches;
+  std::size_t three = 0;  // position among the three-transfer messages, which the spans follow
+  for (const SpiEntry& m : run.log) {
+    if (m.transfers != 3) continue;
+    const std::size_t j = three++;
+    if (m.kind != vb::SpiMessageKind::tmst_snapshot || !m.latched) continue;
+    if (!library_view) {
+      latches.push_back({m.latch_tmst, m.raw_start_ns, m.raw_end_ns});
+    } else if (j < run.snapshot_spans.size()) {
+      latches.push_back({m.latch_tmst, run.snapshot_spans[j].raw_before_ns, run.snapshot_spans[j].raw_after_ns});
+    }
+  }
+  if (library_view && three != run.snapshot_spans.size()) return {};
+  return unwrap_latches(latches, 20);
+}
+
+struct Matched {
+  const CallbackRecord* record;
+  const vb::SampleTruth* truth;
+};
+
+enum class Estimator { hull, midpoint_least_squares };
+
+// Each sample mapped with the line through the last o.hull_anchors brackets that
+// were complete when it was delivered, as the library had them.
+LineErrors line_errors(const std::vector<LatchBracket>& brackets, const std::vector<Matched>& samples,
+                       const Options& o, Estimator estimator) {
+  LineErrors out;
+  if (brackets.empty()) return out;
+  std::vector<std::int64_t> errors;
+  std::size_t known = 0, fitted_with = 0;
+  TickLine line;
+  for (const Matched& m : samples) {
+    const CallbackRecord& r = *m.record;
+    while (known < brackets.size() && brackets[known].raw_end_ns <= r.callback_raw_ns) ++known;
+    if (known < 2) continue;
+    if (fitted_with != known) {
+      const std::size_t from = known > o.hull_anchors ? known - o.hull_anchors : 0;
+      const auto window = std::span(brackets).subspan(from, known - from);
+      if (estimator == Estimator::hull) {
+        const HullLine hull = fit_bracket_hull(window);
+        if (hull.valid && !hull.consistent) out.inconsistent += 1;
+        line = hull;
+      } else {
+        line = fit_midpoint_line(window);
+      }
+      fitted_with = known;
+      out.windows += 1;
+    }
+    if (!line.valid) continue;
+    const LatchBracket& newest = brackets[known - 1];
+    const std::int64_t ticks_ahead = signed_diff(r.mapped_ns, newest.raw_start_ns) / 1000;
+    const std::uint64_t tick = unwrap_near(newest.tick + static_cast<std::uint64_t>(ticks_ahead), r.low16, 16);
+    errors.push_back(std::llround(line.at(tick) - static_cast<double>(m.truth->raw_ns)));
+  }
+  out.errors = summarize(errors);
+  return out;
+}
+
 Analysis analyse(const Run& run, const Options& o) {
   Analysis a;
   a.delivered = run.records.size();
+  a.cost = measure_cost(run);
   const double period = sensor_period_ns(run.rate);
   std::vector<TruthPoint> points;
   points.reserve(run.truth.size());
   for (const vb::SampleTruth& t : run.truth) points.push_back({t.raw_ns, t.tmst_low16});
   const TruthIndex index(points);
-  const std::vector<LatchBracket> brackets = latch_brackets(run.log);
+  const std::uint64_t first_index = run.truth.empty() ? 0 : run.truth.front().index;
+  std::vector<std::uint64_t> readable_at(run.truth.size(), 0);
+  for (const vb::EdgeTruth& e : run.edges) {
+    if (e.sample_index >= first_index && e.sample_index - first_index < readable_at.size()) {
+      readable_at[e.sample_index - first_index] = e.queued_raw_ns;
+    }
+  }
 
-  std::vector<std::int64_t> mapped, event, hull, latency, interpolated;
-  std::vector<InterruptInput> interrupt_inputs;
-  std::vector<std::size_t> truth_of_input;
-  std::size_t anchors_seen = 0, fitted_at = SIZE_MAX;
-  HullLine line;
+  std::vector<Matched> matched;
+  std::vector<std::int64_t> mapped, mapped_settled, event, latency, to_readable, readable_to_callback;
+  const std::uint64_t settled_from =
+      run.records.empty() ? 0 : run.records.front().callback_raw_ns + static_cast<std::uint64_t>(o.settle_s * 1e9);
+  std::vector<InterruptInput> interrupts;
   for (const CallbackRecord& r : run.records) {
     const auto k = index.match(r.low16, r.mapped_ns, static_cast<std::uint64_t>(period / 2));
     if (!k) continue;
     const vb::SampleTruth& t = run.truth[*k];
-    a.matched += 1;
+    matched.push_back({&r, &t});
     mapped.push_back(signed_diff(r.mapped_ns, t.raw_ns));
+    if (r.callback_raw_ns >= settled_from) mapped_settled.push_back(mapped.back());
     event.push_back(signed_diff(r.event_ns, t.raw_ns));
     latency.push_back(signed_diff(r.callback_raw_ns, t.raw_ns));
-    interrupt_inputs.push_back({t.index, r.event_ns});
-    truth_of_input.push_back(*k);
+    if (readable_at[*k] != 0) {
+      to_readable.push_back(signed_diff(readable_at[*k], t.raw_ns));
+      readable_to_callback.push_back(signed_diff(r.callback_raw_ns, readable_at[*k]));
+    }
+    // The FIFO count tells such a driver how many sensor samples lie between.
+    interrupts.push_back({t.index, r.event_ns});
 
-    const bool own_edge = t.edge == vb::EdgeOutcome::raised &&
-                          std::fabs(static_cast<double>(signed_diff(r.event_ns, t.raw_ns + t.irq_latency_ns))) <=
-                              period / 2;
-    if (!own_edge) {
+    // The kernel stamp of this sample's own edge is its instant plus the modelled latency.
+    const double from_own_edge = static_cast<double>(signed_diff(r.event_ns, t.raw_ns + t.irq_latency_ns));
+    if (t.edge != vb::EdgeOutcome::raised || std::fabs(from_own_edge) > period / 2) {
       a.mispaired += 1;
       if (!a.first_mispaired) a.first_mispaired = r.sample_index;
     }
-
-    // (d) with the brackets the library had when it delivered the sample.
-    while (anchors_seen < brackets.size() && brackets[anchors_seen].raw_end_ns <= r.callback_raw_ns) ++anchors_seen;
-    if (anchors_seen >= 2) {
-      if (fitted_at != anchors_seen) {
-        const std::size_t from = anchors_seen > o.hull_anchors ? anchors_seen - o.hull_anchors : 0;
-        line = fit_bracket_hull(std::span(brackets).subspan(from, anchors_seen - from));
-        fitted_at = anchors_seen;
-        a.hull_windows += 1;
-        if (line.valid && !line.consistent) a.hull_inconsistent += 1;
-      }
-      if (line.valid) {
-        const LatchBracket& newest = brackets[anchors_seen - 1];
-        const std::int64_t ahead = signed_diff(r.mapped_ns, newest.raw_start_ns) / 1000;
-        const std::uint64_t tick = unwrap_near(newest.tick + static_cast<std::uint64_t>(ahead), r.low16, 16);
-        hull.push_back(static_cast<std::int64_t>(std::llround(line.at(tick) - static_cast<double>(t.raw_ns))));
-      }
-    }
   }
+  a.matched = matched.size();
 
   InterpolationSettings settings;
   settings.batch_samples = o.interp_batch;
   settings.period_window = o.interp_window;
   settings.nominal_period_ns = period;
-  const auto estimates = interpolate_from_interrupts(interrupt_inputs, settings);
+  const auto estimates = interpolate_from_interrupts(interrupts, settings);
+  std::vector<std::int64_t> interpolated;
   for (std::size_t i = 0; i < estimates.size(); ++i) {
-    if (!estimates[i]) continue;
-    interpolated.push_back(
-        static_cast<std::int64_t>(std::llround(*estimates[i] - static_cast<double>(run.truth[truth_of_input[i]].raw_ns))));
+    if (estimates[i]) interpolated.push_back(std::llround(*estimates[i] - static_cast<double>(matched[i].truth->raw_ns)));
+  }
+
+  a.hull = line_errors(snapshot_brackets(run, false), matched, o, Estimator::hull);
+  const std::vector<LatchBracket> library_view = snapshot_brackets(run, true);
+  a.hull_library_view = line_errors(library_view, matched, o, Estimator::hull);
+  a.midpoints_library_view = line_errors(library_view, matched, o, Estimator::midpoint_least_squares);
+
+  std::vector<const SpiEntry*> snapshots;
+  for (const SpiEntry& m : run.log) {
+    if (m.transfers == 3) snapshots.push_back(&m);
+  }
+  if (!snapshots.empty() && snapshots.size() == run.snapshot_spans.size()) {
+    std::vector<std::int64_t> early, late;
+    for (std::size_t i = 0; i < snapshots.size(); ++i) {
+      early.push_back(signed_diff(snapshots[i]->raw_start_ns, run.snapshot_spans[i].raw_before_ns));
+      late.push_back(signed_diff(run.snapshot_spans[i].raw_after_ns, snapshots[i]->raw_end_ns));
+    }
+    a.view_early = summarize(early);
+    a.view_late = summarize(late);
   }
 
   a.mapped = summarize(mapped);
+  a.mapped_settled = summarize(mapped_settled);
   a.event = summarize(event);
   a.interpolated = summarize(interpolated);
-  a.hull = summarize(hull);
   a.latency = summarize(latency);
-  a.cost = measure_cost(run);
+  a.to_readable = summarize(to_readable);
+  a.readable_to_callback = summarize(readable_to_callback);
   return a;
 }
 
@@ -490,8 +572,7 @@ Analysis analyse(const Run& run, const Options& o) {
 
 struct ReportVerdict {
   bool ran = false;
-  std::string flagged;       // the MISPAIRED EVENTS line, empty when none
-  std::string truth_line;    // its own ground-truth count
+  std::string flagged;  // the first "MISPAIRED EVENTS" line up to its sample range, empty when none
 };
 
 std::string shell_quote(const std::string& s) {
@@ -500,16 +581,15 @@ std::string shell_quote(const std::string& s) {
   return out + "'";
 }
 
-std::string run_name(const Run& run) {
-  return std::string(fault_tag(run.fault)) + "-" + std::to_string(run.rate) + "hz";
-}
-
+// Writes the columns pelmor-timing-report reads from a pelmor-stream CSV and a
+// ground-truth file, and asks it what it sees.
 ReportVerdict write_and_report(const Run& run, const Options& o, bool plot) {
   ReportVerdict v;
-  const std::string base = o.out_dir + "/" + run_name(run);
+  const std::string base = o.out_dir + "/" + fault_tag(run.fault) + "-" + std::to_string(run.rate) + "hz";
   {
     std::ofstream samples(base + "-samples.csv");
-    samples << "sample_index,mapped_timestamp_raw_ns,event_timestamp_raw_ns,fifo_timestamp_low16,phase_uncertainty_us\n";
+    samples << "sample_index,mapped_timestamp_raw_ns,event_timestamp_raw_ns,fifo_timestamp_low16,"
+               "phase_uncertainty_us\n";
     for (const CallbackRecord& r : run.records) {
       samples << r.sample_index << ',' << r.mapped_ns << ',' << r.event_ns << ',' << r.low16 << ','
               << r.uncertainty_us << '\n';
@@ -523,7 +603,10 @@ ReportVerdict write_and_report(const Run& run, const Options& o, bool plot) {
     if (!samples || !truth) return v;
   }
   if (!o.run_report) return v;
-  std::string command = "python3 " + shell_quote(o.report) + " " + shell_quote(base + "-samples.csv") + " " +
+  // Through its own interpreter line (the system Python, which has the plotting
+  // package) when it can be executed, else whatever python3 is first in PATH.
+  const std::string interpreter = ::access(o.report.c_str(), X_OK) == 0 ? "" : "python3 ";
+  std::string command = interpreter + shell_quote(o.report) + " " + shell_quote(base + "-samples.csv") + " " +
                         shell_quote(base + "-truth.csv");
   if (plot) command += " --plot " + shell_quote(base + "-timing.png");
   command += " > " + shell_quote(base + "-report.txt") + " 2>&1";
@@ -531,8 +614,9 @@ ReportVerdict write_and_report(const Run& run, const Options& o, bool plot) {
   std::ifstream report(base + "-report.txt");
   std::string line;
   while (std::getline(report, line)) {
-    if (line.rfind("MISPAIRED EVENTS:", 0) == 0 && v.flagged.empty()) v.flagged = line;
-    if (line.rfind("ground truth:", 0) == 0) v.truth_line = line;
+    if (line.rfind("MISPAIRED EVENTS:", 0) == 0 && v.flagged.empty()) {
+      v.flagged = line.substr(0, line.find(", event_timestamp_raw_ns"));
+    }
   }
   v.ran = true;
   return v;
@@ -540,82 +624,219 @@ ReportVerdict write_and_report(const Run& run, const Options& o, bool plot) {
 
 // ---- Output ------------------------------------------------------------------------------------
 
-std::string us(double ns, int decimals = 1) {
+std::string fixed(double value, int decimals) {
+  if (std::fabs(value) < 0.5 * std::pow(10.0, -decimals)) value = 0;  // no "-0.000"
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.*f", decimals, ns / 1000.0);
+  std::snprintf(buf, sizeof buf, "%.*f", decimals, value);
   return buf;
 }
 
+std::string us(double ns) { return fixed(ns / 1000.0, 1); }
+std::string us(std::int64_t ns) { return us(static_cast<double>(ns)); }
+
 std::string stats_cells(const ErrorStats& s) {
-  if (s.count == 0) return "| 0 | - | - | - | - |";
-  return "| " + std::to_string(s.count) + " | " + us(s.median_abs_ns) + " | " + us(static_cast<double>(s.p99_abs_ns)) +
-         " | " + us(static_cast<double>(s.max_abs_ns)) + " | " + us(s.mean_ns) + " |";
+  if (s.count == 0) return "0 | - | - | - | -";
+  return std::to_string(s.count) + " | " + us(s.median_abs_ns) + " | " + us(s.p99_abs_ns) + " | " +
+         us(s.max_abs_ns) + " | " + us(s.mean_ns);
 }
 
-const char* mark(bool ok) { return ok ? "met" : "MISSED"; }
+std::string median_p99_max(const ErrorStats& s) {
+  if (s.count == 0) return "-";
+  return us(s.median_abs_ns) + " / " + us(s.p99_abs_ns) + " / " + us(s.max_abs_ns);
+}
 
-std::string median_of(std::vector<std::uint64_t> v) {
+const char* verdict(bool ok) { return ok ? "met" : "**missed**"; }
+
+std::string ms_median_max(std::vector<std::uint64_t> v) {
   if (v.empty()) return "-";
   std::sort(v.begin(), v.end());
-  return us(static_cast<double>(v[v.size() / 2]) / 1000.0, 1);
+  return fixed(static_cast<double>(v[v.size() / 2]) / 1e6, 1) + " / " + fixed(static_cast<double>(v.back()) / 1e6, 1);
 }
 
-std::string max_of(const std::vector<std::uint64_t>& v) {
-  if (v.empty()) return "-";
-  return us(static_cast<double>(*std::max_element(v.begin(), v.end())) / 1000.0, 1);
-}
-
-void warn_incomplete(const Run& run) {
+void note_incomplete(const Run& run) {
   if (run.start_status != PELMOR_OK) {
-    std::printf("\n> %s at %u Hz: pelmor_start failed (%s)\n", fault_name(run.fault), run.rate,
+    std::printf("- %u Hz, %s: pelmor_start failed (%s)\n", run.rate, fault_name(run.fault),
                 pelmor_status_message(run.start_status));
   }
-  if (!run.truth_complete) std::printf("\n> %u Hz: the board's truth ring overflowed\n", run.rate);
-  if (!run.log_complete) std::printf("\n> %u Hz: the board's SPI log ring overflowed\n", run.rate);
-  if (run.records_overflowed) std::printf("\n> %u Hz: more callbacks than recorded\n", run.rate);
+  if (!run.truth_complete) std::printf("- %u Hz, %s: the board's truth ring overflowed\n", run.rate, fault_name(run.fault));
+  if (!run.log_complete) std::printf("- %u Hz, %s: the board's SPI log overflowed\n", run.rate, fault_name(run.fault));
+  if (run.records_overflowed) std::printf("- %u Hz, %s: more callbacks than recorded\n", run.rate, fault_name(run.fault));
+}
+
+struct RateResult {
+  Run run;
+  Analysis analysis;
+  ReportVerdict report;
+  std::vector<std::uint64_t> starts_ns;
+  std::optional<Cost> ideal_cost;
+};
+
+struct FaultResult {
+  Run run;
+  Analysis analysis;
+  ReportVerdict report;
+};
+
+void print_quality(const Options& o, const std::vector<RateResult>& results) {
+  std::printf("### Timestamp error against the board's ground truth (us)\n\n");
+  std::printf("Realistic profile, %s s per rate; every delivered sample matched to its true instant. "
+              "Median, p99 (nearest rank) and max of |error|; mean is signed.\n\n",
+              fixed(o.duration_s, 0).c_str());
+  std::printf("| rate | timestamp | samples | median | p99 | max | mean |\n|---|---|---|---|---|---|---|\n");
+  for (const RateResult& r : results) {
+    const Analysis& a = r.analysis;
+    const unsigned rate = r.run.rate;
+    std::printf("| %u Hz | (a) mapped_timestamp_raw_ns | %s |\n", rate, stats_cells(a.mapped).c_str());
+    std::printf("| %u Hz | (a) the same, from %s s on | %s |\n", rate, fixed(o.settle_s, 0).c_str(),
+                stats_cells(a.mapped_settled).c_str());
+    std::printf("| %u Hz | (b) event_timestamp_raw_ns | %s |\n", rate, stats_cells(a.event).c_str());
+    std::printf("| %u Hz | (c) interrupt interpolation | %s |\n", rate, stats_cells(a.interpolated).c_str());
+    std::printf("| %u Hz | (d) convex-hull two-way | %s |\n", rate, stats_cells(a.hull.errors).c_str());
+  }
+  std::printf("\n(c): a batch of %zu delivered samples per interrupt, period over the last %zu interrupts. "
+              "(d): the last %zu TMST latch brackets complete at delivery, bounded as the board logs each snapshot "
+              "message.\n\n",
+              o.interp_batch, o.interp_window, o.hull_anchors);
+  std::printf("The same %zu brackets as the library sees them (its clocks are read just outside the board), "
+              "mapped by two estimators:\n\n",
+              o.hull_anchors);
+  std::printf("| rate | estimator | samples | median | p99 | max | mean |\n|---|---|---|---|---|---|---|\n");
+  for (const RateResult& r : results) {
+    const Analysis& a = r.analysis;
+    std::printf("| %u Hz | least squares through the midpoints (the library's fit, without its gates) | %s |\n",
+                r.run.rate, stats_cells(a.midpoints_library_view.errors).c_str());
+    std::printf("| %u Hz | convex hull | %s |\n", r.run.rate, stats_cells(a.hull_library_view.errors).c_str());
+  }
+  std::printf("\n");
+  for (const RateResult& r : results) {
+    const Analysis& a = r.analysis;
+    const bool have = a.mapped.count > 0;
+    std::printf("- %u Hz: %zu delivered, %zu matched (health: %llu delivered, %u drops, %u resyncs, %u batch "
+                "failures). Targets for (a): median <= 8 us %s; p99 <= 20 us %s; p99 <= p99(b) / 4 = %s us %s. "
+                "(d) was refitted %zu times, %zu of them over brackets no single line passes through (%zu of %zu "
+                "over the library's view).",
+                r.run.rate, a.delivered, a.matched, static_cast<unsigned long long>(r.run.health.samples_delivered),
+                r.run.health.total_drops, r.run.health.boundary_resyncs, r.run.health.batch_failures,
+                verdict(have && a.mapped.median_abs_ns <= 8000), verdict(have && a.mapped.p99_abs_ns <= 20000),
+                us(static_cast<double>(a.event.p99_abs_ns) / 4).c_str(),
+                verdict(have && 4 * a.mapped.p99_abs_ns <= a.event.p99_abs_ns), a.hull.windows, a.hull.inconsistent,
+                a.hull_library_view.inconsistent, a.hull_library_view.windows);
+    if (a.view_early.count > 0) {
+      std::printf(" Seen from just outside the board, where the library brackets it, a snapshot message begins "
+                  "%s us (median; p99 %s) before the board's own start and ends %s us (p99 %s) after its end.",
+                  us(a.view_early.median_abs_ns).c_str(), us(a.view_early.p99_abs_ns).c_str(),
+                  us(a.view_late.median_abs_ns).c_str(), us(a.view_late.p99_abs_ns).c_str());
+    }
+    if (r.report.ran) {
+      std::printf(" pelmor-timing-report: %s.", r.report.flagged.empty() ? "no mispairing flagged" : r.report.flagged.c_str());
+    }
+    std::printf("\n");
+    note_incomplete(r.run);
+  }
+}
+
+void print_mispairing(const Options& o, const std::vector<FaultResult>& faults) {
+  std::printf("\n### Mispaired event stamps after one lost or one extra INT1 edge\n\n");
+  std::printf("%s s per run, the fault armed %s s after pelmor_start returned; it hits the next edge.\n\n",
+              fixed(o.fault_duration_s, 0).c_str(), fixed(o.fault_after_s, 0).c_str());
+  std::printf("| rate | fault | delivered | drops / resyncs / batch failures | carrying another sample's event "
+              "stamp (truth) | first such sample | pelmor-timing-report |\n|---|---|---|---|---|---|---|\n");
+  for (const FaultResult& f : faults) {
+    const Analysis& a = f.analysis;
+    std::string flag = "not run";
+    if (f.report.ran) flag = f.report.flagged.empty() ? "nothing flagged" : f.report.flagged;
+    std::printf("| %u Hz | %s%s | %zu | %u / %u / %u | %zu | %s | %s |\n", f.run.rate, fault_name(f.run.fault),
+                f.run.fault_hits == 1 ? "" : " (fault did not hit once)", a.delivered, f.run.health.total_drops,
+                f.run.health.boundary_resyncs, f.run.health.batch_failures, a.mispaired,
+                a.first_mispaired ? std::to_string(*a.first_mispaired).c_str() : "-", flag.c_str());
+  }
+  for (const FaultResult& f : faults) note_incomplete(f.run);
+}
+
+void print_cost(const std::vector<RateResult>& results) {
+  std::printf("\n### Cost\n\n");
+  std::printf("| rate | worker CPU per delivered sample (us) | of it, emulated SPI bus time (us) | same, ideal profile "
+              "(us) | callback latency median / p99 / max (us) | edge to readable event (us) | readable event to "
+              "callback (us) | allocations per FIFO batch | per delivery | pelmor_start median / max (ms) |\n");
+  std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
+  for (const RateResult& r : results) {
+    const Cost& c = r.analysis.cost;
+    std::string per_batch = "not counted", per_delivery = "-";
+    if (c.allocations_counted) {
+      per_batch = fixed(c.allocations_per_batch, 2);
+      if (c.attribution.size() == 3) per_delivery = fixed(c.attribution[2], 2);
+    }
+    std::printf("| %u Hz | %s | %s | %s | %s | %s | %s | %s | %s | %s (%zu starts) |\n", r.run.rate,
+                us(c.cpu_per_sample_ns).c_str(), us(c.bus_per_sample_ns).c_str(),
+                r.ideal_cost ? us(r.ideal_cost->cpu_per_sample_ns).c_str() : "-",
+                median_p99_max(r.analysis.latency).c_str(), median_p99_max(r.analysis.to_readable).c_str(),
+                median_p99_max(r.analysis.readable_to_callback).c_str(), per_batch.c_str(), per_delivery.c_str(),
+                ms_median_max(r.starts_ns).c_str(), r.starts_ns.size());
+  }
+  std::printf("\n");
+  for (const RateResult& r : results) {
+    const Cost& c = r.analysis.cost;
+    std::printf("- %u Hz: callback latency p99 <= 500 us %s.", r.run.rate,
+                verdict(r.analysis.latency.count > 0 && r.analysis.latency.p99_abs_ns <= 500000));
+    if (c.allocations_counted) {
+      std::printf(" %llu FIFO batches in %llu callback intervals", static_cast<unsigned long long>(c.batches),
+                  static_cast<unsigned long long>(c.intervals));
+      if (c.attribution.size() == 3) {
+        std::printf("; least squares per interval: %s per batch, %s per TMST snapshot, %s per delivery; "
+                    "%llu of %llu intervals hold exactly %s x batches + %s x snapshots",
+                    fixed(c.attribution[0], 3).c_str(), fixed(c.attribution[1], 3).c_str(),
+                    fixed(c.attribution[2], 3).c_str(), static_cast<unsigned long long>(c.intervals_fitting),
+                    static_cast<unsigned long long>(c.intervals), fixed(std::round(c.attribution[0]), 0).c_str(),
+                    fixed(std::round(c.attribution[1]), 0).c_str());
+      } else {
+        std::printf(" (one batch per delivery: batch and delivery cannot be told apart at this rate)");
+      }
+      std::printf(". Not counted: %s allocations per batch made by the board inside the emulated calls.",
+                  fixed(c.device_allocations_per_batch, 2).c_str());
+    }
+    std::printf("\n");
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const Options o = parse_options(argc, argv);
-  std::string mkdir = "mkdir -p " + shell_quote(o.out_dir);
+  const std::string mkdir = "mkdir -p " + shell_quote(o.out_dir);
   if (std::system(mkdir.c_str()) != 0) {
     std::fprintf(stderr, "pelmor_timestamp_bench: cannot create %s\n", o.out_dir.c_str());
     return 1;
   }
 
-  struct RateResult {
-    unsigned rate;
-    Run run;
-    Analysis analysis;
-    ReportVerdict report;
-    std::vector<std::uint64_t> starts_ns;
-  };
-  struct FaultResult {
-    Run run;
-    Analysis analysis;
-    ReportVerdict report;
-  };
   std::vector<RateResult> results;
   std::vector<FaultResult> faults;
-
   for (const unsigned rate : o.rates) {
-    std::fprintf(stderr, "== %u Hz: %.0f s on the realistic profile\n", rate, o.duration_s);
-    RateResult r{rate, run_driver(o, rate, Fault::none, o.duration_s), {}, {}, {}};
+    RateResult r;
+    std::fprintf(stderr, "== %u Hz: %s s on the realistic profile\n", rate, fixed(o.duration_s, 0).c_str());
+    r.run = run_driver(o, rate, Fault::none, o.duration_s);
     r.analysis = analyse(r.run, o);
     r.report = write_and_report(r.run, o, o.plot);
     if (r.run.start_status == PELMOR_OK) r.starts_ns.push_back(r.run.start_ns);
+
     for (const Fault f : {Fault::suppressed_edge, Fault::spurious_edge}) {
-      std::fprintf(stderr, "== %u Hz: %.0f s with %s\n", rate, o.fault_duration_s, fault_name(f));
-      FaultResult fr{run_driver(o, rate, f, o.fault_duration_s), {}, {}};
+      if (o.fault_duration_s <= 0) break;
+      std::fprintf(stderr, "== %u Hz: %s s with %s\n", rate, fixed(o.fault_duration_s, 0).c_str(), fault_name(f));
+      FaultResult fr;
+      fr.run = run_driver(o, rate, f, o.fault_duration_s);
       fr.analysis = analyse(fr.run, o);
       fr.report = write_and_report(fr.run, o, false);
       if (fr.run.start_status == PELMOR_OK) r.starts_ns.push_back(fr.run.start_ns);
       faults.push_back(std::move(fr));
     }
+
+    if (o.ideal_seconds > 0) {
+      std::fprintf(stderr, "== %u Hz: %s s on the ideal profile (cost only)\n", rate, fixed(o.ideal_seconds, 0).c_str());
+      const Run ideal = run_driver(o, rate, Fault::none, o.ideal_seconds, vb::Profile::ideal);
+      if (ideal.start_status == PELMOR_OK) r.ideal_cost = measure_cost(ideal);
+    }
+
     for (unsigned i = 0; i < o.starts; ++i) {
-      vb::reset(board_config(o, rate, 1));
+      vb::reset(board_config(o, rate, 1, vb::Profile::realistic));
       pelmor_config config{};
       config.struct_size = sizeof config;
       config.sample_rate_hz = rate;
@@ -630,101 +851,9 @@ int main(int argc, char** argv) {
     results.push_back(std::move(r));
   }
 
-  std::printf("### Timestamp error against the board's ground truth (us)\n\n");
-  std::printf("Realistic profile, %.0f s per rate. |e| statistics over the delivered samples matched to a true\n"
-              "sample; p99 is the nearest rank; mean is signed.\n\n",
-              o.duration_s);
-  std::printf("| rate | timestamp | samples | median abs | p99 abs | max abs | mean |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
-  for (const RateResult& r : results) {
-    const Analysis& a = r.analysis;
-    std::printf("| %u Hz | (a) mapped_timestamp_raw_ns %s\n", r.rate, stats_cells(a.mapped).c_str());
-    std::printf("| %u Hz | (b) event_timestamp_raw_ns %s\n", r.rate, stats_cells(a.event).c_str());
-    std::printf("| %u Hz | (c) interrupt interpolation, batch %zu, period over %zu interrupts %s\n", r.rate,
-                o.interp_batch, o.interp_window, stats_cells(a.interpolated).c_str());
-    std::printf("| %u Hz | (d) convex-hull two-way, last %zu latch brackets %s\n", r.rate, o.hull_anchors,
-                stats_cells(a.hull).c_str());
-  }
-  std::printf("\n");
-  for (const RateResult& r : results) {
-    const Analysis& a = r.analysis;
-    std::printf("- %u Hz: %zu delivered, %zu matched; health: %llu delivered, %u drops, %u resyncs, %u batch "
-                "failures. (a) median <= 8 us %s, p99 <= 20 us %s, p99 <= p99(b)/4 (%.1f us) %s. "
-                "(d) refitted %zu times, %zu bracket windows admitted no single line.\n",
-                r.rate, a.delivered, a.matched, static_cast<unsigned long long>(r.run.health.samples_delivered),
-                r.run.health.total_drops, r.run.health.boundary_resyncs, r.run.health.batch_failures,
-                mark(a.mapped.count > 0 && a.mapped.median_abs_ns <= 8000),
-                mark(a.mapped.count > 0 && a.mapped.p99_abs_ns <= 20000),
-                static_cast<double>(a.event.p99_abs_ns) / 4000.0,
-                mark(a.mapped.count > 0 && 4 * a.mapped.p99_abs_ns <= a.event.p99_abs_ns), a.hull_windows,
-                a.hull_inconsistent);
-    if (r.report.ran) {
-      std::printf("  pelmor-timing-report on this run: %s\n",
-                  r.report.flagged.empty() ? "no mispairing flagged" : r.report.flagged.c_str());
-    }
-    warn_incomplete(r.run);
-  }
-
-  std::printf("\n### Mispaired event stamps after one lost or one extra INT1 edge\n\n");
-  std::printf("%.0f s per run, the fault %.0f s after pelmor_start returned.\n\n", o.fault_duration_s,
-              o.fault_after_s);
-  std::printf("| rate | fault | fault hits | delivered | carrying another sample's event (truth) | first such sample "
-              "| pelmor-timing-report |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
-  for (const FaultResult& f : faults) {
-    const Analysis& a = f.analysis;
-    std::string verdict = "not run";
-    if (f.report.ran) {
-      verdict = f.report.flagged.empty() ? "nothing flagged" : f.report.flagged;
-      const std::string::size_type cut = verdict.find(", event_timestamp_raw_ns");
-      if (cut != std::string::npos) verdict = verdict.substr(0, cut) + ")";
-    }
-    std::printf("| %u Hz | %s | %llu | %zu | %zu | %s | %s |\n", f.run.rate, fault_name(f.run.fault),
-                static_cast<unsigned long long>(f.run.fault_hits), a.delivered, a.mispaired,
-                a.first_mispaired ? std::to_string(*a.first_mispaired).c_str() : "-", verdict.c_str());
-  }
-  for (const FaultResult& f : faults) warn_incomplete(f.run);
-
-  std::printf("\n### Cost\n\n");
-  std::printf("| rate | worker CPU per delivered sample (us) | of which emulated SPI bus (us) | callback latency "
-              "median / p99 / max (us) | library allocations per FIFO batch | per delivery beyond the batches "
-              "| pelmor_start median / max (ms, %zu starts) |\n",
-              results.empty() ? std::size_t{0} : results.front().starts_ns.size());
-  std::printf("|---|---|---|---|---|---|---|\n");
-  for (const RateResult& r : results) {
-    const Cost& c = r.analysis.cost;
-    const ErrorStats& l = r.analysis.latency;
-    std::string allocations = "not counted (sanitizer build)";
-    std::string delivery = "-";
-    if (c.allocations_counted) {
-      char buf[96];
-      std::snprintf(buf, sizeof buf, "%.2f", c.allocations_per_batch);
-      allocations = buf;
-      if (c.attribution.size() == 3) {
-        std::snprintf(buf, sizeof buf, "%.3f", c.attribution[2]);
-        delivery = buf;
-      }
-    }
-    std::printf("| %u Hz | %s | %s | %s / %s / %s | %s | %s | %s / %s |\n", r.rate, us(c.cpu_per_sample_ns).c_str(),
-                us(c.bus_per_sample_ns).c_str(), us(l.median_abs_ns).c_str(),
-                us(static_cast<double>(l.p99_abs_ns)).c_str(), us(static_cast<double>(l.max_abs_ns)).c_str(),
-                allocations.c_str(), delivery.c_str(), median_of(r.starts_ns).c_str(), max_of(r.starts_ns).c_str());
-  }
-  std::printf("\n");
-  for (const RateResult& r : results) {
-    const Cost& c = r.analysis.cost;
-    if (!c.allocations_counted || c.attribution.size() != 3) continue;
-    std::printf("- %u Hz allocations: %llu FIFO batches over %llu callback intervals; least squares per interval: "
-                "%.3f per batch, %.3f per TMST snapshot, %.3f per delivery; %llu of %llu intervals exactly "
-                "%.0f x batches + %.0f x snapshots. The board's own bookkeeping inside the emulated calls: %.2f "
-                "per batch (excluded).\n",
-                r.rate, static_cast<unsigned long long>(c.batches), static_cast<unsigned long long>(c.intervals),
-                c.attribution[0], c.attribution[1], c.attribution[2],
-                static_cast<unsigned long long>(c.intervals_fitting), static_cast<unsigned long long>(c.intervals),
-                std::round(c.attribution[0]), std::round(c.attribution[1]), c.device_allocations_per_batch);
-    std::printf("  callback latency target p99 <= 500 us: %s\n",
-                mark(r.analysis.latency.count > 0 && r.analysis.latency.p99_abs_ns <= 500000));
-  }
-  std::printf("\nSamples, ground truth and the report of every run: %s/\n", o.out_dir.c_str());
+  print_quality(o, results);
+  if (!faults.empty()) print_mispairing(o, faults);
+  print_cost(results);
+  std::printf("\nSamples, ground truth and pelmor-timing-report output of every run: %s/\n", o.out_dir.c_str());
   return 0;
 }

@@ -81,7 +81,22 @@ std::optional<std::size_t> TruthIndex::match(std::uint16_t low16, std::uint64_t 
 
 // ---- (d) Convex-hull two-way estimator -----------------------------------------------
 
-double HullLine::at(std::uint64_t tick) const noexcept {
+std::vector<LatchBracket> unwrap_latches(std::span<const LatchObservation> latches, unsigned bits) {
+  std::vector<LatchBracket> out;
+  out.reserve(latches.size());
+  const std::uint64_t mask = (std::uint64_t{1} << bits) - 1;
+  for (const LatchObservation& l : latches) {
+    std::uint64_t tick = (l.counter & mask) + mask + 1;
+    if (!out.empty()) {
+      const std::uint64_t elapsed_ticks = (l.raw_start_ns - out.back().raw_start_ns) / 1000;
+      tick = unwrap_near(out.back().tick + elapsed_ticks, l.counter, bits);
+    }
+    out.push_back({tick, l.raw_start_ns, l.raw_end_ns});
+  }
+  return out;
+}
+
+double TickLine::at(std::uint64_t tick) const noexcept {
   const double dx = static_cast<double>(static_cast<std::int64_t>(tick - ref_tick));
   return static_cast<double>(ref_raw_ns) + (offset_ns + slope_ns_per_tick * dx);
 }
@@ -182,6 +197,35 @@ HullLine fit_bracket_hull(std::span<const LatchBracket> brackets) {
     high = std::min(high, p.hi - shrink - line.slope_ns_per_tick * p.x);
   }
   line.offset_ns = (low + high) / 2;
+  line.valid = true;
+  return line;
+}
+
+TickLine fit_midpoint_line(std::span<const LatchBracket> brackets) {
+  TickLine line;
+  if (brackets.size() < 2) return line;
+  line.ref_tick = brackets.back().tick;
+  line.ref_raw_ns = brackets.back().raw_start_ns;
+  const double n = static_cast<double>(brackets.size());
+  double mean_x = 0, mean_y = 0;
+  for (const LatchBracket& b : brackets) {
+    mean_x += static_cast<double>(static_cast<std::int64_t>(b.tick - line.ref_tick)) / n;
+    mean_y += (static_cast<double>(static_cast<std::int64_t>(b.raw_start_ns - line.ref_raw_ns)) +
+               static_cast<double>(static_cast<std::int64_t>(b.raw_end_ns - line.ref_raw_ns))) /
+              (2 * n);
+  }
+  double sxx = 0, sxy = 0;
+  for (const LatchBracket& b : brackets) {
+    const double dx = static_cast<double>(static_cast<std::int64_t>(b.tick - line.ref_tick)) - mean_x;
+    const double y = (static_cast<double>(static_cast<std::int64_t>(b.raw_start_ns - line.ref_raw_ns)) +
+                      static_cast<double>(static_cast<std::int64_t>(b.raw_end_ns - line.ref_raw_ns))) /
+                     2;
+    sxx += dx * dx;
+    sxy += dx * (y - mean_y);
+  }
+  if (sxx <= 0) return line;
+  line.slope_ns_per_tick = sxy / sxx;
+  line.offset_ns = mean_y - line.slope_ns_per_tick * mean_x;
   line.valid = true;
   return line;
 }

@@ -60,19 +60,35 @@ struct LatchBracket {
   std::uint64_t raw_end_ns = 0;
 };
 
+// A latch as the SPI log records it: the counter's low `bits` only.
+struct LatchObservation {
+  std::uint64_t counter = 0;
+  std::uint64_t raw_start_ns = 0;
+  std::uint64_t raw_end_ns = 0;
+};
+
+// Unwraps a time-ordered run of latches into brackets, taking each wrap count from
+// the RAW time elapsed since the previous latch at the nominal 1 us per tick (good
+// while the counter's drift over a gap stays far below half a wrap). The first
+// latch is placed one wrap up, so that samples a little older unwrap above zero.
+std::vector<LatchBracket> unwrap_latches(std::span<const LatchObservation> latches, unsigned bits);
+
 // RAW(tick) = ref_raw_ns + offset_ns + slope * (tick - ref_tick).
-struct HullLine {
+struct TickLine {
   bool valid = false;
-  bool consistent = false;  // one line passes through every bracket
   std::uint64_t ref_tick = 0;
   std::uint64_t ref_raw_ns = 0;
   double slope_ns_per_tick = 0;
   double offset_ns = 0;
-  double slope_min = 0;      // the feasible slopes (after widening, if inconsistent)
-  double slope_max = 0;
-  double widening_ns = 0;    // how far every bracket had to grow on each side; 0 when consistent
 
   double at(std::uint64_t tick) const noexcept;  // RAW ns, unrounded
+};
+
+struct HullLine : TickLine {
+  bool consistent = false;  // one line passes through every bracket
+  double slope_min = 0;     // the feasible slopes (after widening, if inconsistent)
+  double slope_max = 0;
+  double widening_ns = 0;   // how far every bracket had to grow on each side; 0 when consistent
 };
 
 // Lines that pass through every bracket form a convex set bounded by the lower
@@ -83,6 +99,11 @@ struct HullLine {
 // of the two hulls, whose separation is then negative). Needs two brackets with
 // distinct ticks.
 HullLine fit_bracket_hull(std::span<const LatchBracket> brackets);
+
+// Least squares through the bracket midpoints, every bracket weighted alike (the
+// library's method, without its gates), to compare the two on the same brackets.
+// Needs two brackets with distinct ticks.
+TickLine fit_midpoint_line(std::span<const LatchBracket> brackets);
 
 // ---- (c) Interrupt interpolation -------------------------------------------------------
 

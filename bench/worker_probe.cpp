@@ -1,19 +1,23 @@
-#include "alloc_counter.hpp"
+#include "worker_probe.hpp"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PELMOR_BENCH_COUNT_ALLOCATIONS 0
+#define PELMOR_BENCH_PROBE 0
 #else
-#define PELMOR_BENCH_COUNT_ALLOCATIONS 1
+#define PELMOR_BENCH_PROBE 1
 #endif
 
-#if PELMOR_BENCH_COUNT_ALLOCATIONS
+#if PELMOR_BENCH_PROBE
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <linux/spi/spidev.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/types.h>
+#include <time.h>
 
+#include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 
@@ -57,6 +61,16 @@ __attribute__((constructor)) void resolve_next() {
   next_poll = reinterpret_cast<poll_fn>(::dlsym(RTLD_NEXT, "poll"));
   next_ppoll = reinterpret_cast<ppoll_fn>(::dlsym(RTLD_NEXT, "ppoll"));
   next_read = reinterpret_cast<read_fn>(::dlsym(RTLD_NEXT, "read"));
+}
+
+constexpr std::size_t span_capacity = 65536;
+std::array<pelmor_lusk::bench::CallSpan, span_capacity> g_spans{};
+std::atomic<std::uint64_t> g_span_count{0};
+
+std::uint64_t raw_ns() noexcept {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &ts);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
 struct DeviceCall {
@@ -113,7 +127,16 @@ int ioctl(int fd, unsigned long request, ...) {
   va_end(ap);
   DeviceCall guard;
   if (next_ioctl == nullptr) resolve_next();
-  return next_ioctl(fd, request, arg);
+  if (request != SPI_IOC_MESSAGE(3)) return next_ioctl(fd, request, arg);
+  const std::uint64_t before = raw_ns();
+  const int result = next_ioctl(fd, request, arg);
+  const std::uint64_t after = raw_ns();
+  const std::uint64_t n = g_span_count.load(std::memory_order_relaxed);
+  if (n < span_capacity) {
+    g_spans[n] = {before, after};
+    g_span_count.store(n + 1, std::memory_order_release);
+  }
+  return result;
 }
 
 int poll(struct pollfd* fds, nfds_t n, int timeout) {
@@ -138,9 +161,17 @@ ssize_t read(int fd, void* buf, std::size_t count) {
 
 namespace pelmor_lusk::bench {
 
-bool allocation_counting_available() noexcept { return true; }
+bool probe_available() noexcept { return true; }
 
 ThreadAllocations thread_allocations() noexcept { return {t_outside, t_inside}; }
+
+// Called only while the library is stopped, so no message is in flight.
+std::vector<CallSpan> take_snapshot_spans() {
+  const std::uint64_t n = g_span_count.load(std::memory_order_acquire);
+  std::vector<CallSpan> out(g_spans.begin(), g_spans.begin() + static_cast<std::ptrdiff_t>(n));
+  g_span_count.store(0, std::memory_order_release);
+  return out;
+}
 
 }  // namespace pelmor_lusk::bench
 
@@ -148,9 +179,11 @@ ThreadAllocations thread_allocations() noexcept { return {t_outside, t_inside}; 
 
 namespace pelmor_lusk::bench {
 
-bool allocation_counting_available() noexcept { return false; }
+bool probe_available() noexcept { return false; }
 
 ThreadAllocations thread_allocations() noexcept { return {}; }
+
+std::vector<CallSpan> take_snapshot_spans() { return {}; }
 
 }  // namespace pelmor_lusk::bench
 
