@@ -17,7 +17,10 @@ std::vector<std::uint8_t> read_registers(const UniqueFd& spi, std::uint8_t reg, 
   spi_ioc_transfer transfer[1] = {
       make_spi_transfer(tx.data(), rx.data(), static_cast<std::uint32_t>(frame), spi_register_speed_hz)};
   if (submit_spi_message(spi.get(), transfer) < 0) throw_errno_error("failed to read SPI registers");
-  return std::vector<std::uint8_t>(rx.begin() + 1, rx.end());
+  // The answer is everything after the address byte; dropping it in place keeps
+  // a read at its two buffers.
+  rx.erase(rx.begin());
+  return rx;
 }
 
 void write_register(int fd, std::uint8_t reg, std::uint8_t value) {
