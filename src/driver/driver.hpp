@@ -151,6 +151,8 @@ struct Driver::Impl {
                        const BridgedEvent* trigger, const std::string& message);
   FifoBatch read_batch_counted();
   void process_batch(const FifoBatch& batch);
+  // A snapshot for a new anchor; a failure has first put the sensor back in bank 0.
+  TmstSnapshot anchor_snapshot();
   void refresh_mapper_periodically(std::uint64_t candidate_tick, const BridgedEvent& event);
   void reanchor_after_sentinels();
   void emit_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,

@@ -16,10 +16,8 @@ namespace {
 
 constexpr int first_event_timeout_ms = 100;
 constexpr std::uint64_t periodic_refresh_every = 16;
-constexpr std::uint32_t periodic_refresh_attempts = 3;
 constexpr std::uint32_t startup_sentinel_limit = 256;
 constexpr std::uint32_t sentinel_reanchor_every = 16;
-constexpr std::uint32_t sentinel_reanchor_attempts = 3;
 constexpr std::int16_t axis_sentinel = -32768;
 
 constexpr double accel_mps2_per_count = 0.00048828125 * 9.80665;  // 2048 counts per g
@@ -29,19 +27,6 @@ constexpr double rad_per_degree = 0.017453292519943295;
 bool has_sentinel(const FifoPacket& p) noexcept {
   return p.accel_x == axis_sentinel || p.accel_y == axis_sentinel || p.accel_z == axis_sentinel ||
          p.gyro_x == axis_sentinel || p.gyro_y == axis_sentinel || p.gyro_z == axis_sentinel;
-}
-
-// A failed snapshot may have left the sensor in bank 1.
-TmstSnapshot snapshot_with_bank_restore(int fd) {
-  try {
-    return read_tmst_snapshot(fd);
-  } catch (...) {
-    try {
-      restore_bank0(fd);
-    } catch (...) {
-    }
-    throw;
-  }
 }
 
 }  // namespace
@@ -227,25 +212,34 @@ void Driver::Impl::process_batch(const FifoBatch& batch) {
   }
 }
 
-// Keeps the fit fresh while the sensor clock drifts; a refused anchor leaves the
-// current fit in force.
-void Driver::Impl::refresh_mapper_periodically(std::uint64_t candidate_tick, const BridgedEvent& event) {
-  for (std::uint32_t attempt = 1; attempt <= periodic_refresh_attempts; ++attempt) {
-    if (!spi) throw std::runtime_error("sensor is not initialized for mapper refresh");
-    const TmstAnchor anchor = anchor_from_snapshot(unwrap, snapshot_with_bank_restore(spi.get()));
-    if (add_anchor_gated(mapper, anchor, candidate_tick, event.half_window_ns)) return;
-    const std::uint32_t reason = mapper.last_rejected.reject_reason;
-    if (reason != fit_reject_anchor_window_too_wide && reason != fit_reject_sample_uncertainty_too_large) return;
+TmstSnapshot Driver::Impl::anchor_snapshot() {
+  if (!spi) throw std::runtime_error("sensor is not initialized for mapper refresh");
+  try {
+    return read_tmst_snapshot(spi.get());
+  } catch (...) {
+    // A failed snapshot may have left the sensor in bank 1.
+    try {
+      restore_bank0(spi.get());
+    } catch (...) {
+    }
+    throw;
   }
 }
 
+// Keeps the fit fresh while the sensor clock drifts; a refused anchor leaves the
+// current fit in force.
+void Driver::Impl::refresh_mapper_periodically(std::uint64_t candidate_tick, const BridgedEvent& event) {
+  insert_fresh_anchor(
+      mapper, unwrap, [this] { return anchor_snapshot(); },
+      [&](const TmstAnchor& anchor) { return add_anchor_gated(mapper, anchor, candidate_tick, event.half_window_ns); },
+      true);
+}
+
 void Driver::Impl::reanchor_after_sentinels() {
-  for (std::uint32_t attempt = 1; attempt <= sentinel_reanchor_attempts; ++attempt) {
-    if (!spi) throw std::runtime_error("sensor is not initialized for mapper refresh");
-    const TmstAnchor anchor = anchor_from_snapshot(unwrap, snapshot_with_bank_restore(spi.get()));
-    if (mapper.add_anchor(anchor, tmst_establish_residual_limit_ns)) return;
-    if (mapper.last_rejected.reject_reason != fit_reject_anchor_window_too_wide) return;
-  }
+  insert_fresh_anchor(
+      mapper, unwrap, [this] { return anchor_snapshot(); },
+      [this](const TmstAnchor& anchor) { return mapper.add_anchor(anchor, tmst_establish_residual_limit_ns); },
+      false);
 }
 
 void Driver::Impl::emit_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,

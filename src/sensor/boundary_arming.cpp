@@ -8,7 +8,6 @@
 #include "driver/driver.hpp"
 #include "sensor/register_access.hpp"
 #include "sensor/registers.hpp"
-#include "sensor/tmst_snapshot.hpp"
 #include "timing/anchor_map.hpp"
 
 namespace pelmor_lusk {
@@ -17,7 +16,6 @@ namespace {
 
 constexpr int boundary_event_timeout_ms = 100;
 constexpr std::uint64_t boundary_deadline_ns = 100000000;
-constexpr std::uint32_t boundary_anchor_attempts = 3;
 
 // Timeout for the next wait: the remaining time to the deadline in whole
 // milliseconds, rounded up.
@@ -72,26 +70,25 @@ void Driver::Impl::quiesce_fifo() noexcept {
   }
 }
 
-// Takes the anchor that the first streamed sample is gated against. A snapshot
-// stretched by preemption is worth another try; any other refusal is final.
+// Takes the anchor that the first streamed sample is gated against, then lets
+// the FIFO stream.
 void Driver::Impl::refresh_boundary_anchor(const char* failure_prefix) {
-  for (std::uint32_t attempt = 1;; ++attempt) {
-    if (!spi) throw std::runtime_error("sensor is not initialized for mapper refresh");
-    const TmstAnchor anchor = anchor_from_snapshot(unwrap, read_tmst_snapshot(spi.get()));
-    if (mapper.add_anchor(anchor, tmst_establish_residual_limit_ns)) {
-      write_register_verified(spi, icm42688::FIFO_CONFIG_STREAM_MODE);
-      state.boundary_armed = true;
-      state.boundary_reference_tick = anchor.tick;
-      state.step.have_reference = false;
-      state.step.reference_tick = 0;
-      state.step.allow_short_first_step = true;
-      return;
-    }
-    if (mapper.last_rejected.reject_reason != fit_reject_anchor_window_too_wide ||
-        attempt >= boundary_anchor_attempts) {
-      throw std::runtime_error(failure_prefix + format_fit_diagnostic(mapper.last_rejected));
-    }
-  }
+  std::uint64_t anchor_tick = 0;
+  const bool inserted = insert_fresh_anchor(
+      mapper, unwrap,
+      [this] { return anchor_snapshot(); },
+      [&](const TmstAnchor& anchor) {
+        anchor_tick = anchor.tick;
+        return mapper.add_anchor(anchor, tmst_establish_residual_limit_ns);
+      },
+      false);
+  if (!inserted) throw std::runtime_error(failure_prefix + format_fit_diagnostic(mapper.last_rejected));
+  write_register_verified(spi, icm42688::FIFO_CONFIG_STREAM_MODE);
+  state.boundary_armed = true;
+  state.boundary_reference_tick = anchor_tick;
+  state.step.have_reference = false;
+  state.step.reference_tick = 0;
+  state.step.allow_short_first_step = true;
 }
 
 void Driver::Impl::arm_fifo_boundary() {
