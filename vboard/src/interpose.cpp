@@ -244,30 +244,25 @@ bool skip_host_entry(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 || Board::hides_name(name);
 }
 
-struct dirent* board_readdir(DIR* d, DirState* s) {
+// The board's entries first, then the host's own, minus the names it owns.
+template <typename Entry>
+Entry* board_readdir_into(DIR* d, DirState* s, Entry& slot, Entry* (*next_host)(DIR*)) {
   if (s->next < s->entries.size()) {
     const auto& [name, type] = s->entries[s->next];
-    fill(s->ent, name, type, s->next);
+    fill(slot, name, type, s->next);
     ++s->next;
-    return &s->ent;
+    return &slot;
   }
   for (;;) {
-    struct dirent* e = next_readdir()(d);
+    Entry* e = next_host(d);
     if (e == nullptr || !skip_host_entry(e->d_name)) return e;
   }
 }
 
+struct dirent* board_readdir(DIR* d, DirState* s) { return board_readdir_into(d, s, s->ent, next_readdir()); }
+
 struct dirent64* board_readdir64(DIR* d, DirState* s) {
-  if (s->next < s->entries.size()) {
-    const auto& [name, type] = s->entries[s->next];
-    fill(s->ent64, name, type, s->next);
-    ++s->next;
-    return &s->ent64;
-  }
-  for (;;) {
-    struct dirent64* e = next_readdir64()(d);
-    if (e == nullptr || !skip_host_entry(e->d_name)) return e;
-  }
+  return board_readdir_into(d, s, s->ent64, next_readdir64());
 }
 
 bool any_emulated(const struct pollfd* fds, nfds_t n) {
