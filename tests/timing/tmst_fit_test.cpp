@@ -139,5 +139,39 @@ TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
   EXPECT_EQ(stretched.pauses, 15);
 }
 
+TEST(FreshAnchors, OnlyAStretchedBracketOrAnOpenGateIsWorthAnotherSnapshot) {
+  TmstMapper m = ideal_mapper(4);
+  TmstUnwrapState unwrap;
+  int snapshots = 0;
+  auto take = [&] { return ideal_snapshot(40000 + static_cast<std::uint64_t>(snapshots++) * 10000); };
+  // Refusals of a given reason until the accepting attempt.
+  auto refusing = [&](std::uint32_t reason, int accept_at) {
+    return [&m, &snapshots, reason, accept_at](const TmstAnchor&) {
+      if (snapshots == accept_at) return true;
+      m.last_rejected.reject_reason = reason;
+      return false;
+    };
+  };
+
+  // Two stretched brackets, then one that goes in: the third snapshot is taken.
+  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_anchor_window_too_wide, 3), false));
+  EXPECT_EQ(snapshots, 3);
+  // Three stretched brackets: no fourth attempt.
+  snapshots = 0;
+  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_anchor_window_too_wide, 4), false));
+  EXPECT_EQ(snapshots, 3);
+  // Any other refusal ends the attempts at once.
+  snapshots = 0;
+  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_residual_too_large, 3), true));
+  EXPECT_EQ(snapshots, 1);
+  // A sample still outside the gate is retried only where asked.
+  snapshots = 0;
+  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_sample_uncertainty_too_large, 3), false));
+  EXPECT_EQ(snapshots, 1);
+  snapshots = 0;
+  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_sample_uncertainty_too_large, 2), true));
+  EXPECT_EQ(snapshots, 2);
+}
+
 }  // namespace
 }  // namespace pelmor_lusk
