@@ -1,9 +1,11 @@
 // Faults injected by the virtual board under the unmodified shared library, each
 // ending with its lines and counters.
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <iostream>
 #include <string>
 #include <thread>
 
@@ -36,49 +38,93 @@ void expect_contiguous_and_increasing(const std::vector<pelmor_test::DeliveredSa
   }
 }
 
-// Runs until `count` samples arrived after a fault was armed, then stops; returns stderr.
+// A driver started on a freshly reset board with stderr captured; finish() stops
+// it and returns the captured lines (also into *keep_log when given).
 struct FaultRun {
-  explicit FaultRun(std::uint32_t rate_hz, std::uint32_t strict = 0, vb::Config config = vb::Config::ideal())
-      : client(rate_hz, strict) {
+  explicit FaultRun(std::uint32_t rate_hz, std::uint32_t strict = 0, vb::Config config = vb::Config::ideal(),
+                    std::string* keep_log = nullptr)
+      : client(rate_hz, strict), kept_log(keep_log) {
     vb::reset(config);
     testing::internal::CaptureStderr();
     start_status = pelmor_test::start_on_board(client.handle);
   }
+  // A run that ended on a failed assertion still releases stderr, and shows it.
+  ~FaultRun() {
+    if (!capturing) return;
+    const std::string log = finish();
+    if (kept_log == nullptr && testing::Test::HasFailure()) std::cout << "--- driver log of the failed run:\n" << log;
+  }
+  FaultRun(const FaultRun&) = delete;
+  FaultRun& operator=(const FaultRun&) = delete;
+
   std::string finish() {
     pelmor_stop(client.handle);
     if (!capturing) return {};
     capturing = false;
-    return testing::internal::GetCapturedStderr();
+    std::string log = testing::internal::GetCapturedStderr();
+    if (kept_log != nullptr) *kept_log = log;
+    return log;
   }
   BoardClient client;
+  std::string* kept_log;
   std::int32_t start_status = PELMOR_ERR_INTERNAL;
   bool capturing = true;
 };
 
-TEST(SequenceGap, ResyncsCountsAndCarriesOn) {
-  FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
-  ASSERT_TRUE(run.client.wait_for_samples(5, 10s));
-  vb::drop_edges(vb::Trigger::once());
-  const std::size_t before = run.client.sample_count();
-  ASSERT_TRUE(run.client.wait_for_samples(before + 10, 15s));
-  const std::string log = run.finish();
+// The faults handed to this runner must end in a successful resync. Rebuilding
+// the anchor map judges real clock brackets, and one stretched by a busy machine
+// rather than by the fault under test can honestly refuse the map and end the
+// worker. Such a run is repeated once; every other failure stands.
+template <typename Scenario>
+void expect_resync_scenario(Scenario scenario) {
+  for (int attempt = 1; attempt <= 2; ++attempt) {
+    testing::TestPartResultArray results;
+    std::string log;
+    {
+      testing::ScopedFakeTestPartResultReporter intercept(
+          testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &results);
+      scenario(log);
+    }
+    if (results.size() == 0) return;
+    const bool timing_refusal = contains(log, ": resync failed: failed to establish TMST to RAW anchor map") ||
+                                contains(log, ": resync failed: failed to refresh TMST to RAW anchor map") ||
+                                contains(log, ": resync failed: fresh GPIO395 boundary event not observed");
+    if (attempt == 1 && timing_refusal) continue;
+    for (int i = 0; i < results.size(); ++i) {
+      const testing::TestPartResult& r = results.GetTestPartResult(i);
+      ADD_FAILURE_AT(r.file_name() != nullptr ? r.file_name() : "?", r.line_number()) << r.message();
+    }
+    std::cout << "--- driver log of the failed run:\n" << log;
+    return;
+  }
+}
 
-  const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC GPIO395 line event sequence gap: ");
-  ASSERT_EQ(resyncs.size(), 1U) << log;
-  EXPECT_TRUE(contains(resyncs[0], "recovery_reason=gpio_sequence_gap")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], "gpio_trigger_missing_sequence_count=1")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], ", arm_boundary_event=1")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], ", recovery_attempts=1")) << resyncs[0];
-  const auto samples = run.client.samples();
-  expect_contiguous_and_increasing(samples);
-  EXPECT_EQ(samples.back().sample.boundary_resyncs, 1U);
-  const pelmor_runtime_health health = health_of(run.client.handle);
-  EXPECT_EQ(health.boundary_resyncs, 1U);
-  EXPECT_EQ(health.samples_delivered, samples.size());
-  const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
-  ASSERT_EQ(summary.size(), 1U);
-  EXPECT_TRUE(contains(summary[0], " gpio_sequence_gap_resyncs=1 ")) << summary[0];
+TEST(SequenceGap, ResyncsCountsAndCarriesOn) {
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(25, 0, vb::Config::ideal(), &keep_log);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+    ASSERT_TRUE(run.client.wait_for_samples(5, 10s));
+    vb::drop_edges(vb::Trigger::once());
+    const std::size_t before = run.client.sample_count();
+    ASSERT_TRUE(run.client.wait_for_samples(before + 10, 15s));
+    const std::string log = run.finish();
+
+    const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC GPIO395 line event sequence gap: ");
+    ASSERT_EQ(resyncs.size(), 1U) << log;
+    EXPECT_TRUE(contains(resyncs[0], "recovery_reason=gpio_sequence_gap")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], "gpio_trigger_missing_sequence_count=1")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ", arm_boundary_event=1")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ", recovery_attempts=1")) << resyncs[0];
+    const auto samples = run.client.samples();
+    expect_contiguous_and_increasing(samples);
+    EXPECT_EQ(samples.back().sample.boundary_resyncs, 1U);
+    const pelmor_runtime_health health = health_of(run.client.handle);
+    EXPECT_EQ(health.boundary_resyncs, 1U);
+    EXPECT_EQ(health.samples_delivered, samples.size());
+    const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
+    ASSERT_EQ(summary.size(), 1U);
+    EXPECT_TRUE(contains(summary[0], " gpio_sequence_gap_resyncs=1 ")) << summary[0];
+  });
 }
 
 TEST(SequenceGap, IsFatalInStrictMode) {
@@ -97,25 +143,27 @@ TEST(SequenceGap, IsFatalInStrictMode) {
 }
 
 TEST(MissingEdges, ATimedOutPairingIsABatchMismatchResync) {
-  FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
-  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
-  // One missing edge is absorbed by the next one; a second while behind leaves
-  // the pairing wait empty.
-  vb::suppress_edges(vb::Trigger::once(2));
-  vb::suppress_edges(vb::Trigger::once(4));
-  const std::size_t before = run.client.sample_count();
-  ASSERT_TRUE(run.client.wait_for_samples(before + 12, 15s));
-  const std::string log = run.finish();
-  const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC FIFO/GPIO batch boundary mismatch: ");
-  ASSERT_GE(resyncs.size(), 1U) << log;
-  EXPECT_TRUE(contains(resyncs[0], "recovery_reason=batch_mismatch, ")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], ", fifo_batch_present=1, ")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], ", pairing_timeout_ms=45, sample_rate_hz=25")) << resyncs[0];
-  expect_contiguous_and_increasing(run.client.samples());
-  const pelmor_runtime_health health = health_of(run.client.handle);
-  EXPECT_EQ(health.boundary_resyncs, 0U);  // only sequence gaps count there
-  EXPECT_GE(health.total_drops, 1U);
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(25, 0, vb::Config::ideal(), &keep_log);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+    ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+    // One missing edge is absorbed by the next one; a second while behind leaves
+    // the pairing wait empty.
+    vb::suppress_edges(vb::Trigger::once(2));
+    vb::suppress_edges(vb::Trigger::once(4));
+    const std::size_t before = run.client.sample_count();
+    ASSERT_TRUE(run.client.wait_for_samples(before + 12, 15s));
+    const std::string log = run.finish();
+    const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC FIFO/GPIO batch boundary mismatch: ");
+    ASSERT_GE(resyncs.size(), 1U) << log;
+    EXPECT_TRUE(contains(resyncs[0], "recovery_reason=batch_mismatch, ")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ", fifo_batch_present=1, ")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ", pairing_timeout_ms=45, sample_rate_hz=25")) << resyncs[0];
+    expect_contiguous_and_increasing(run.client.samples());
+    const pelmor_runtime_health health = health_of(run.client.handle);
+    EXPECT_EQ(health.boundary_resyncs, 0U);  // only sequence gaps count there
+    EXPECT_GE(health.total_drops, 1U);
+  });
 }
 
 TEST(SpuriousEdge, GoesUnnoticedByThePipelineButShiftsEventStamps) {
@@ -141,41 +189,42 @@ TEST(SpuriousEdge, GoesUnnoticedByThePipelineButShiftsEventStamps) {
 }
 
 TEST(StalledWorker, QueueOverflowResyncs) {
-  FaultRun run(30);
-  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
-  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
-  // A callback that blocks for a second holds the worker while 200 edges queue up.
-  static std::atomic<bool> block_once{true};
-  block_once = true;
-  pelmor_set_callback(
-      run.client.handle,
-      [](const pelmor_sample*, void*) {
-        if (block_once.exchange(false)) std::this_thread::sleep_for(1000ms);
-      },
-      nullptr);
-  std::this_thread::sleep_for(1500ms);
-  const vb::Counters at_resume = vb::counters();
-  ASSERT_TRUE(vb::wait_for_samples(at_resume.samples + 100, 10s));
-  const std::string log = run.finish();
-  const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC too many unmatched GPIO395 events: ");
-  ASSERT_EQ(resyncs.size(), 1U) << log;
-  EXPECT_TRUE(contains(resyncs[0], "recovery_reason=gpio_queue_overflow, ")) << resyncs[0];
-  EXPECT_TRUE(contains(resyncs[0], ", gpio_pending_depth=128, ")) << resyncs[0];
-  EXPECT_TRUE(lines_starting_with(log, "imu worker fatal").empty()) << log;
-  const pelmor_runtime_health health = health_of(run.client.handle);
-  EXPECT_EQ(health.boundary_resyncs, 0U);
-  EXPECT_GE(health.total_drops, 100U);
-  const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
-  ASSERT_EQ(summary.size(), 1U);
-  EXPECT_TRUE(contains(summary[0], " gpio_queue_overflow_resyncs=1 ")) << summary[0];
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(30, 0, vb::Config::ideal(), &keep_log);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+    ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+    // A callback that blocks for a second holds the worker while 200 edges queue up.
+    static std::atomic<bool> block_once{true};
+    block_once = true;
+    pelmor_set_callback(
+        run.client.handle,
+        [](const pelmor_sample*, void*) {
+          if (block_once.exchange(false)) std::this_thread::sleep_for(1000ms);
+        },
+        nullptr);
+    std::this_thread::sleep_for(1500ms);
+    const vb::Counters at_resume = vb::counters();
+    ASSERT_TRUE(vb::wait_for_samples(at_resume.samples + 100, 10s));
+    const std::string log = run.finish();
+    const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC too many unmatched GPIO395 events: ");
+    ASSERT_EQ(resyncs.size(), 1U) << log;
+    EXPECT_TRUE(contains(resyncs[0], "recovery_reason=gpio_queue_overflow, ")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ", gpio_pending_depth=128, ")) << resyncs[0];
+    EXPECT_TRUE(lines_starting_with(log, "imu worker fatal").empty()) << log;
+    const pelmor_runtime_health health = health_of(run.client.handle);
+    EXPECT_EQ(health.boundary_resyncs, 0U);
+    EXPECT_GE(health.total_drops, 100U);
+    const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
+    ASSERT_EQ(summary.size(), 1U);
+    EXPECT_TRUE(contains(summary[0], " gpio_queue_overflow_resyncs=1 ")) << summary[0];
+  });
 }
 
 TEST(StretchedSnapshots, StretchedAnchorsAtStartAreRetried) {
   vb::reset(vb::Config::ideal());
   // On a quiet board establishing takes seven snapshots (three to warm up, four
   // accepted fits); the next two, the boundary's first anchors, are stretched.
-  const vb::FaultId stretch =
-      vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger{8, 2});
+  const vb::FaultId stretch = vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger{8, 2});
   BoardClient client(25);
   testing::internal::CaptureStderr();
   ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK) << testing::internal::GetCapturedStderr();
@@ -186,22 +235,25 @@ TEST(StretchedSnapshots, StretchedAnchorsAtStartAreRetried) {
 }
 
 TEST(StretchedSnapshots, ResyncRetriesThenSucceeds) {
-  FaultRun run(25);
-  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
-  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
-  vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger{1, 20});
-  vb::drop_edges(vb::Trigger::once());
-  const std::size_t before = run.client.sample_count();
-  ASSERT_TRUE(run.client.wait_for_samples(before + 5, 20s));
-  const std::string log = run.finish();
-  const auto retries = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC_RETRY GPIO395 line event sequence gap: ");
-  ASSERT_EQ(retries.size(), 1U) << log;
-  EXPECT_TRUE(contains(retries[0], ": attempt=1, reject_reason=anchor_window_too_wide, error=failed to establish TMST "
-                                   "to RAW anchor map after 16 attempts"))
-      << retries[0];
-  const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC GPIO395 line event sequence gap: ");
-  ASSERT_EQ(resyncs.size(), 1U) << log;
-  EXPECT_TRUE(contains(resyncs[0], ", recovery_attempts=2")) << resyncs[0];
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(25, 0, vb::Config::ideal(), &keep_log);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+    ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+    vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger{1, 20});
+    vb::drop_edges(vb::Trigger::once());
+    const std::size_t before = run.client.sample_count();
+    ASSERT_TRUE(run.client.wait_for_samples(before + 5, 20s));
+    const std::string log = run.finish();
+    const auto retries = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC_RETRY GPIO395 line event sequence gap: ");
+    ASSERT_EQ(retries.size(), 1U) << log;
+    EXPECT_TRUE(contains(retries[0],
+                         ": attempt=1, reject_reason=anchor_window_too_wide, error=failed to establish TMST "
+                         "to RAW anchor map after 16 attempts"))
+        << retries[0];
+    const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC GPIO395 line event sequence gap: ");
+    ASSERT_EQ(resyncs.size(), 1U) << log;
+    EXPECT_TRUE(contains(resyncs[0], ", recovery_attempts=2")) << resyncs[0];
+  });
 }
 
 TEST(StretchedSnapshots, ExhaustedResyncEndsTheWorker) {
@@ -271,33 +323,36 @@ TEST(StartupSentinels, ThatNeverClearAreFatal) {
   EXPECT_EQ(run.client.sample_count(), 0U);
 }
 
-TEST(StepGate, AMissingFifoSampleResyncsOrIsFatalInStrictMode) {
-  for (std::uint32_t strict : {0U, 1U}) {
-    FaultRun run(25, strict);
+const std::string step_gate_failure = "FIFO timestamp step out of 25 Hz gate: ";
+
+TEST(StepGate, AMissingFifoSampleIsABatchMismatchResync) {
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(25, 0, vb::Config::ideal(), &keep_log);
     ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
     ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
     vb::stall_fifo(vb::Trigger::once());
-    if (strict != 0) {
-      ASSERT_TRUE(run.client.wait_until_stopped(10s));
-    } else {
-      const std::size_t before = run.client.sample_count();
-      ASSERT_TRUE(run.client.wait_for_samples(before + 5, 15s));
-    }
+    const std::size_t before = run.client.sample_count();
+    ASSERT_TRUE(run.client.wait_for_samples(before + 5, 15s));
     const std::string log = run.finish();
-    const std::string gate = "FIFO timestamp step out of 25 Hz gate: ";
-    if (strict != 0) {
-      const auto fatal = lines_starting_with(log, "imu worker fatal: ");
-      ASSERT_EQ(fatal.size(), 1U) << log;
-      EXPECT_EQ(fatal[0].rfind("imu worker fatal: " + gate, 0), 0U) << fatal[0];
-    } else {
-      const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC " + gate);
-      ASSERT_EQ(resyncs.size(), 1U) << log;
-      EXPECT_TRUE(contains(resyncs[0], " ticks, fifo_low16=")) << resyncs[0];
-      EXPECT_TRUE(contains(resyncs[0], "first_sample=0, min_step_ticks=20000, max_step_ticks=60000")) << resyncs[0];
-      EXPECT_TRUE(contains(resyncs[0], ": recovery_reason=batch_mismatch, ")) << resyncs[0];
-      expect_contiguous_and_increasing(run.client.samples());
-    }
-  }
+    const auto resyncs = lines_starting_with(log, "TIMING_BOUNDARY_RESYNC " + step_gate_failure);
+    ASSERT_EQ(resyncs.size(), 1U) << log;
+    EXPECT_TRUE(contains(resyncs[0], " ticks, fifo_low16=")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], "first_sample=0, min_step_ticks=20000, max_step_ticks=60000")) << resyncs[0];
+    EXPECT_TRUE(contains(resyncs[0], ": recovery_reason=batch_mismatch, ")) << resyncs[0];
+    expect_contiguous_and_increasing(run.client.samples());
+  });
+}
+
+TEST(StepGate, AMissingFifoSampleIsFatalInStrictMode) {
+  FaultRun run(25, 1);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+  vb::stall_fifo(vb::Trigger::once());
+  ASSERT_TRUE(run.client.wait_until_stopped(10s));
+  const std::string log = run.finish();
+  const auto fatal = lines_starting_with(log, "imu worker fatal: ");
+  ASSERT_EQ(fatal.size(), 1U) << log;
+  EXPECT_EQ(fatal[0].rfind("imu worker fatal: " + step_gate_failure, 0), 0U) << fatal[0];
 }
 
 }  // namespace
