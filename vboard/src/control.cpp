@@ -31,13 +31,15 @@ FaultId add(Fault f) {
   return detail::add_fault_locked(b, f);
 }
 
-// Faults that need nothing but their kind and trigger.
-FaultId add(FaultType type, Trigger when) {
+Fault fault_of(FaultType type, Trigger when) {
   Fault f;
   f.type = type;
   f.when = when;
-  return add(f);
+  return f;
 }
+
+// Faults that need nothing but their kind and trigger.
+FaultId add(FaultType type, Trigger when) { return add(fault_of(type, when)); }
 
 template <typename Pred>
 bool wait_on(std::chrono::nanoseconds timeout, Pred pred) {
@@ -243,50 +245,40 @@ PELMOR_VBOARD_API std::vector<std::int64_t> edge_lateness_ns() {
 }
 
 PELMOR_VBOARD_API FaultId fail_ioctl(IoctlTarget target, int error_number, Trigger when) {
-  Fault f;
-  f.type = FaultType::fail_ioctl;
+  Fault f = fault_of(FaultType::fail_ioctl, when);
   f.target = target;
   f.error_number = error_number;
-  f.when = when;
   return add(f);
 }
 
 PELMOR_VBOARD_API FaultId fail_spi_message(SpiMessageKind kind, int error_number, Trigger when) {
-  Fault f;
-  f.type = FaultType::fail_spi;
+  Fault f = fault_of(FaultType::fail_spi, when);
   f.kind = kind;
   f.error_number = error_number;
-  f.when = when;
   return add(f);
 }
 
 PELMOR_VBOARD_API FaultId short_spi_message(SpiMessageKind kind, std::uint32_t missing_bytes, Trigger when) {
-  Fault f;
-  f.type = FaultType::short_spi;
+  Fault f = fault_of(FaultType::short_spi, when);
   f.kind = kind;
   f.amount = missing_bytes;
-  f.when = when;
   return add(f);
 }
 
 PELMOR_VBOARD_API FaultId stretch_spi_message(SpiMessageKind kind, std::uint64_t extra_ns, Trigger when) {
-  Fault f;
-  f.type = FaultType::stretch_spi;
+  Fault f = fault_of(FaultType::stretch_spi, when);
   f.kind = kind;
   f.amount = extra_ns;
-  f.when = when;
   return add(f);
 }
 
 PELMOR_VBOARD_API FaultId corrupt_register_read(int bank, std::uint8_t reg, std::uint8_t mask, std::uint8_t value,
                                                 Trigger when) {
-  Fault f;
-  f.type = FaultType::corrupt_read;
+  Fault f = fault_of(FaultType::corrupt_read, when);
   f.bank = bank;
   f.reg = static_cast<std::uint8_t>(reg & 0x7F);
   f.mask = mask;
   f.value = value;
-  f.when = when;
   return add(f);
 }
 
@@ -295,9 +287,7 @@ PELMOR_VBOARD_API FaultId drop_edges(Trigger when) { return add(FaultType::drop_
 PELMOR_VBOARD_API FaultId suppress_edges(Trigger when) { return add(FaultType::suppress_edge, when); }
 
 PELMOR_VBOARD_API FaultId spurious_edges(Trigger when, std::uint64_t offset_ns) {
-  Fault f;
-  f.type = FaultType::spurious_edge;
-  f.when = when;
+  Fault f = fault_of(FaultType::spurious_edge, when);
   f.amount = offset_ns;
   return add(f);
 }
@@ -307,10 +297,8 @@ PELMOR_VBOARD_API FaultId sentinel_samples(Trigger when) { return add(FaultType:
 PELMOR_VBOARD_API FaultId stall_fifo(Trigger when) { return add(FaultType::stall_fifo, when); }
 
 PELMOR_VBOARD_API FaultId fail_line_read(int error_number, Trigger when) {
-  Fault f;
-  f.type = FaultType::fail_line_read;
+  Fault f = fault_of(FaultType::fail_line_read, when);
   f.error_number = error_number;
-  f.when = when;
   return add(f);
 }
 
