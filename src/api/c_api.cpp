@@ -44,8 +44,7 @@ int32_t pelmor_create(const pelmor_config* config, pelmor_handle* out_handle) {
   if (config == nullptr || !config_is_valid(*config)) return PELMOR_ERR_INVALID_ARGUMENT;
   try {
     auto handle = std::make_unique<pelmor_driver>();
-    handle->impl = std::make_unique<Driver::Impl>(config->sample_rate_hz,
-                                                  pelmor_lusk::ModeStrictPair{1, config->strict_timing});
+    handle->impl = std::make_unique<Driver::Impl>(config->sample_rate_hz, config->strict_timing != 0);
     handle->callback_state = std::make_shared<PelmorCallbackState>();
     *out_handle = handle.release();
     return PELMOR_OK;

@@ -3,7 +3,7 @@
 
 #include <mutex>
 
-#include "driver/imu_sample.hpp"
+#include "pipeline/imu_sample.hpp"
 #include "pelmor.h"
 
 namespace pelmor_lusk {

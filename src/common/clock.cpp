@@ -1,9 +1,6 @@
 #include "common/clock.hpp"
 
 #include <cerrno>
-#include <cstring>
-#include <sstream>
-#include <stdexcept>
 
 #include "common/system_error_text.hpp"
 
@@ -18,16 +15,7 @@ std::int64_t read_clock_ns(clockid_t clock_id, const char* clock_name) {
 }
 
 std::uint64_t read_raw_ns() {
-  timespec ts{};
-  if (::clock_gettime(CLOCK_MONOTONIC_RAW, &ts) != 0) {
-    const int error_number = errno;
-    std::ostringstream text;
-    // A null strerror result sets the stream's fail bit and leaves the text empty.
-    text << "failed to read CLOCK_MONOTONIC_RAW, errno=" << error_number << " (" << std::strerror(error_number)
-         << ")";
-    throw std::runtime_error(text.str());
-  }
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
+  return static_cast<std::uint64_t>(read_clock_ns(CLOCK_MONOTONIC_RAW, "CLOCK_MONOTONIC_RAW"));
 }
 
 void sleep_ns(std::int64_t ns) {

@@ -1,67 +1,34 @@
-// One driver instance: configuration, devices, worker thread, locks, callback
-// slot, counters and the health snapshot. The member functions are spread over
-// the subsystem folders: lifecycle in src/driver, boundary arming in src/sensor,
-// the worker loop and its recovery in src/pipeline.
+// One driver instance: its configuration, the lifecycle of its runs, the worker
+// thread, the callback slot and the health record of the last finished run.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
 #include <thread>
 
-#include "common/unique_fd.hpp"
-#include "driver/rate_profile.hpp"
+#include "common/rate_profile.hpp"
 #include "driver/sample_callback.hpp"
 #include "pelmor.h"
-#include "pipeline/decimator.hpp"
 #include "pipeline/drop_accounting.hpp"
-#include "pipeline/pending_event_queue.hpp"
-#include "pipeline/phase_alignment.hpp"
-#include "pipeline/step_gate.hpp"
-#include "sensor/arm_report.hpp"
-#include "sensor/fifo_batch.hpp"
-#include "sensor/sensor_config.hpp"
-#include "timing/anchor_map.hpp"
-#include "timing/bridged_event.hpp"
-#include "timing/gpio_interrupt_line.hpp"
-#include "timing/tmst_mapper.hpp"
+#include "run/run.hpp"
+#include "run/sample_sink.hpp"
 
 namespace pelmor_lusk {
 
-// The configuration word pair the driver keeps: `mode` (always 1; also the FIFO
-// watermark) and `strict_timing`.
-struct ModeStrictPair {
-  std::uint32_t mode = 1;
-  std::uint32_t strict_timing = 0;
-};
-
-// Per-run pipeline state; zeroed at start, at every arm and at stop.
-struct WorkerState {
-  StepReference step;                        // last accepted tick and first-sample rule
-  std::uint64_t boundary_reference_tick = 0; // the arm's anchor tick
-  bool runtime_boundary_context = false;     // set by a run-time re-arm
-  bool boundary_armed = false;
-  std::uint64_t arm_start_raw_ns = 0;
-  std::uint64_t arm_boundary_event_raw_ns = 0;
-  std::uint64_t arm_boundary_uncertainty_ns = 0;
-  std::int64_t arm_boundary_age_ns = 0;
-  PhaseAlignmentState phase;
-  std::uint64_t accepted_sample_count = 0;
-  std::uint32_t startup_sentinel_count = 0;
-  std::uint64_t sample_sequence = 0;         // next emitted sample index
-  std::uint64_t last_mapped_ns = 0;          // 0 = none yet
-};
+// The configuration's mode word: always 1, and also the FIFO watermark.
+inline constexpr std::uint32_t driver_mode_word = 1;
 
 class Driver {
  public:
-  struct Impl;
+  class Impl;
 };
 
-struct Driver::Impl {
-  Impl(std::uint32_t sample_rate_hz, ModeStrictPair mode_strict);
+class Driver::Impl final : private SampleSink {
+ public:
+  // Throws std::invalid_argument for a rate other than 25 or 30.
+  Impl(std::uint32_t sample_rate_hz, bool strict_timing);
   ~Impl();
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -69,9 +36,9 @@ struct Driver::Impl {
   void start();
   void stop();
 
-  bool is_running() const noexcept { return running.load(); }
+  bool is_running() const noexcept { return running_.load(); }
 
-  // PELMOR_OK with the last finished run's snapshot, or PELMOR_ERR_INVALID_STATE.
+  // PELMOR_OK with the last finished run's record, or PELMOR_ERR_INVALID_STATE.
   // A failure to lock propagates.
   std::int32_t copy_health_snapshot(pelmor_runtime_health& out);
 
@@ -81,83 +48,26 @@ struct Driver::Impl {
   // Copies the slot's function object out under the callback mutex.
   SampleCallback copy_callback();
 
-  // Worker thread body and loop.
-  void run_worker() noexcept;
-  void run_worker_loop();
-
-  // FIFO/GPIO boundary.
-  void quiesce_fifo() noexcept;
-  void arm_fifo_boundary();
-  ArmBoundaryReport rearm_fifo_boundary();
-
-  // Configuration.
-  const std::uint32_t sample_rate;
-  const std::uint32_t mode = 1;
-  const std::uint32_t strict_timing;
-  const RateProfile* const profile;
-  const std::uint32_t output_rate;
-  const std::uint32_t sensor_rate;
-  Decimator decimation;
-
-  std::mutex driver_mutex;
-  std::atomic<bool> running{false};
-  std::thread worker;
-
-  UniqueFd spi;
-  std::unique_ptr<GpioInterruptLine> interrupt_line;
-  std::optional<SensorRecord> sensor;
-
-  std::mutex callback_mutex;
-  SampleCallback callback_slot;
-
-  PendingEventQueue pending_events;
-  WorkerState state;
-  PhaseCalibration phase_calibration;  // zero: the shipped profiles are uncalibrated
-  TmstUnwrapState unwrap;
-  TmstMapper mapper;
-  TimingDropCounters drops;
-
-  bool epoch_active = false;
-  std::uint32_t epoch = 0;
-  pelmor_runtime_health health_snapshot{};
-  bool snapshot_valid = false;
-
  private:
-  class SpiAnchorSource final : public AnchorSource {
-   public:
-    explicit SpiAnchorSource(const UniqueFd& spi_fd) : spi_(spi_fd) {}
-    TmstSnapshot take_snapshot() override;
-
-   private:
-    const UniqueFd& spi_;
-  };
-
-  void start_locked();
+  void deliver(const ImuSample& sample) override;
+  void run_worker(Run* run) noexcept;
   void close_epoch();
-  void log_bridge_summaries() const;
-  void release_devices() noexcept;
-  void reset_run_state() noexcept;
-  void reset_unwrap() noexcept;
 
-  // Boundary helpers.
-  GpioDrainStats drain_interrupt_line();
-  void refresh_boundary_anchor(const char* failure_prefix);
-  void reset_worker_pairing_state() noexcept;
+  const std::uint32_t sample_rate_;
+  const bool strict_timing_;
+  const RateProfile& profile_;
 
-  // Worker loop pieces.
-  bool match_event(const BridgedEvent& event, std::uint32_t remaining_samples, const FifoBatch* batch);
-  bool resync_boundary(std::uint32_t reason, std::uint32_t discarded_fifo_samples,
-                       std::uint32_t discarded_gpio_events_pre_recovery, const FifoBatch* batch,
-                       const BridgedEvent* trigger, const std::string& message);
-  FifoBatch read_batch_counted();
-  void process_batch(const FifoBatch& batch);
-  // A snapshot for a new anchor; a failure has first put the sensor back in bank 0.
-  TmstSnapshot anchor_snapshot();
-  void refresh_mapper_periodically(std::uint64_t candidate_tick, const BridgedEvent& event);
-  void reanchor_after_sentinels();
-  void emit_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
-                   std::uint32_t uncertainty_us);
-  StepGateMessageFields step_gate_message_fields(std::uint16_t low16) const;
+  std::mutex driver_mutex_;
+  std::atomic<bool> running_{false};
+  std::unique_ptr<Run> run_;  // from a successful start until its epoch closes
+  std::thread worker_;
+
+  std::mutex callback_mutex_;
+  SampleCallback callback_slot_;
+
+  std::uint32_t epoch_ = 0;
+  pelmor_runtime_health health_snapshot_{};
+  bool snapshot_valid_ = false;
 };
 
 // Next epoch number: wraps from 0xFFFFFFFF to 1, never 0.

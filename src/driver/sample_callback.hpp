@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "driver/imu_sample.hpp"
+#include "pipeline/imu_sample.hpp"
 
 namespace pelmor_lusk {
 

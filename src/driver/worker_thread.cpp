@@ -12,7 +12,7 @@
 
 namespace pelmor_lusk {
 
-void Driver::Impl::run_worker() noexcept {
+void Driver::Impl::run_worker(Run* run) noexcept {
   try {
     errno = 0;
     sched_param requested{};
@@ -30,19 +30,19 @@ void Driver::Impl::run_worker() noexcept {
   }
 
   try {
-    run_worker_loop();
+    run->stream();
   } catch (const std::exception& error) {
     try {
       write_diagnostic_line(std::string("imu worker fatal: ") + error.what());
     } catch (...) {
     }
-    running.store(false);
+    running_.store(false);
   } catch (...) {
     try {
       write_diagnostic_line("imu worker fatal: unknown exception");
     } catch (...) {
     }
-    running.store(false);
+    running_.store(false);
   }
 }
 

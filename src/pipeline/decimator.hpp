@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "driver/rate_profile.hpp"
+#include "common/rate_profile.hpp"
 
 namespace pelmor_lusk {
 

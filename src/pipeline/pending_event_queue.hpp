@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "sensor/arm_report.hpp"
+#include "timing/gpio_drain_stats.hpp"
 #include "timing/bridged_event.hpp"
 
 namespace pelmor_lusk {

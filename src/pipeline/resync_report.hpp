@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "pipeline/pending_event_queue.hpp"
-#include "sensor/arm_report.hpp"
+#include "pipeline/arm_report.hpp"
 #include "sensor/fifo_batch.hpp"
 #include "timing/bridged_event.hpp"
 
@@ -21,8 +21,6 @@ enum RecoveryReason : std::uint32_t {
 
 // Every value other than 1 and 2 reads "batch_mismatch".
 const char* recovery_reason_name(std::uint32_t reason) noexcept;
-
-inline constexpr std::uint32_t resync_max_attempts = 3;
 
 struct ResyncReportInput {
   std::string_view message;

@@ -1,5 +1,7 @@
 #include "sensor/register_access.hpp"
 
+#include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <string>
 
@@ -9,18 +11,30 @@
 
 namespace pelmor_lusk {
 
+void read_registers_into(int fd, std::uint8_t reg, std::span<std::uint8_t> tx, std::span<std::uint8_t> rx) {
+  std::fill(tx.begin(), tx.end(), std::uint8_t{0});
+  std::fill(rx.begin(), rx.end(), std::uint8_t{0});
+  tx[0] = static_cast<std::uint8_t>(reg | icm42688::SPI_READ_FLAG);
+  spi_ioc_transfer transfer[1] = {
+      make_spi_transfer(tx.data(), rx.data(), static_cast<std::uint32_t>(tx.size()), spi_register_speed_hz)};
+  if (submit_spi_message(fd, transfer) < 0) throw_errno_error("failed to read SPI registers");
+}
+
 std::vector<std::uint8_t> read_registers(const UniqueFd& spi, std::uint8_t reg, std::uint16_t n) {
   const std::size_t frame = std::size_t{n} + 1;
   std::vector<std::uint8_t> tx(frame, 0);
   std::vector<std::uint8_t> rx(frame, 0);
-  tx[0] = static_cast<std::uint8_t>(reg | icm42688::SPI_READ_FLAG);
-  spi_ioc_transfer transfer[1] = {
-      make_spi_transfer(tx.data(), rx.data(), static_cast<std::uint32_t>(frame), spi_register_speed_hz)};
-  if (submit_spi_message(spi.get(), transfer) < 0) throw_errno_error("failed to read SPI registers");
-  // The answer is everything after the address byte; dropping it in place keeps
-  // a read at its two buffers.
+  read_registers_into(spi.get(), reg, tx, rx);
+  // The answer is everything after the address byte.
   rx.erase(rx.begin());
   return rx;
+}
+
+std::uint8_t read_register(const UniqueFd& spi, std::uint8_t reg) {
+  std::array<std::uint8_t, 2> tx{};
+  std::array<std::uint8_t, 2> rx{};
+  read_registers_into(spi.get(), reg, tx, rx);
+  return rx[1];
 }
 
 void write_register(int fd, std::uint8_t reg, std::uint8_t value) {
@@ -31,7 +45,7 @@ void write_register(int fd, std::uint8_t reg, std::uint8_t value) {
 
 void write_register_verified(const UniqueFd& spi, std::uint8_t reg, std::uint8_t value, std::string_view name) {
   write_register(spi.get(), reg, value);
-  const std::uint8_t back = read_registers(spi, reg, 1)[0];
+  const std::uint8_t back = read_register(spi, reg);
   if (back != value) {
     throw std::runtime_error("failed to verify " + std::string(name) + ": expected " + hex(value) + ", got " +
                              hex(back));
@@ -44,10 +58,10 @@ void write_register_verified(const UniqueFd& spi, const icm42688::VerifiedWrite&
 
 void write_register_masked(const UniqueFd& spi, std::uint8_t reg, std::uint8_t value, std::uint8_t mask,
                            std::string_view name) {
-  const std::uint8_t old_value = read_registers(spi, reg, 1)[0];
+  const std::uint8_t old_value = read_register(spi, reg);
   const std::uint8_t new_value = merge_masked(old_value, value, mask);
   write_register(spi.get(), reg, new_value);
-  const std::uint8_t back = read_registers(spi, reg, 1)[0];
+  const std::uint8_t back = read_register(spi, reg);
   if (((new_value ^ back) & mask) != 0) {
     throw std::runtime_error("failed to verify " + std::string(name) + ": expected masked " +
                              hex(new_value & mask) + ", got " + hex(back & mask));

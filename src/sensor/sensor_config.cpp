@@ -43,7 +43,7 @@ void configure_sensor(const SensorRecord& sensor) {
   write_register(spi.get(), reg::DEVICE_CONFIG, reg::DEVICE_CONFIG_SOFT_RESET);
   sleep_ms(reset_settle_ms);
 
-  const std::uint8_t who_am_i = read_registers(spi, reg::WHO_AM_I, 1)[0];
+  const std::uint8_t who_am_i = read_register(spi, reg::WHO_AM_I);
   if (who_am_i != reg::WHO_AM_I_ICM42688) {
     throw std::runtime_error("unexpected WHO_AM_I: expected " + hex(reg::WHO_AM_I_ICM42688) + ", got " +
                              hex(who_am_i));

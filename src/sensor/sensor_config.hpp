@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "common/unique_fd.hpp"
-#include "driver/rate_profile.hpp"
+#include "common/rate_profile.hpp"
 
 namespace pelmor_lusk {
 

@@ -13,16 +13,15 @@ TmstAnchor anchor_from_snapshot(TmstUnwrapState& unwrap, const TmstSnapshot& sna
   return TmstAnchor{unwrap_tick(unwrap, snapshot.tmst_ticks), snapshot.raw_before_ns, snapshot.raw_after_ns};
 }
 
-void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source) {
-  if (source == nullptr) throw std::runtime_error("sensor is not initialized");
+void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source) {
   std::uint32_t attempts = 0;
   std::uint32_t accepted = 0;
   for (;;) {
-    const TmstAnchor anchor = anchor_from_snapshot(unwrap, source->take_snapshot());
+    const TmstAnchor anchor = anchor_from_snapshot(unwrap, source.take_snapshot());
     attempts += 1;
     if (mapper.add_anchor(anchor, tmst_establish_residual_limit_ns)) accepted += 1;
     if (attempts >= establish_max_attempts || accepted >= establish_wanted_accepts) break;
-    source->pause_ns(establish_pause_ns);
+    source.pause_ns(establish_pause_ns);
   }
   if (mapper.fit.valid) return;
   // The count in the text is the attempt limit, not the attempts made.

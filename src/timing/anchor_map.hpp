@@ -25,26 +25,7 @@ inline constexpr std::uint32_t establish_max_attempts = 16;
 inline constexpr std::uint32_t establish_wanted_accepts = 4;
 inline constexpr std::int64_t establish_pause_ns = 20000000;
 
-// Returns with a valid fit or throws. A null source means the sensor is absent.
-void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source);
-
-inline constexpr std::uint32_t fresh_anchor_attempts = 3;
-
-// Offers up to three fresh anchors to `insert` (which returns whether the map
-// took it). A fresh snapshot can only cure a stretched bracket and, when asked,
-// a sample still outside the uncertainty gate; any other refusal ends the
-// attempts at once. True when an anchor went in.
-template <typename TakeSnapshot, typename Insert>
-bool insert_fresh_anchor(const TmstMapper& mapper, TmstUnwrapState& unwrap, TakeSnapshot take_snapshot,
-                         Insert insert, bool retry_sample_uncertainty) {
-  for (std::uint32_t attempt = 1; attempt <= fresh_anchor_attempts; ++attempt) {
-    if (insert(anchor_from_snapshot(unwrap, take_snapshot()))) return true;
-    const std::uint32_t reason = mapper.last_rejected.reject_reason;
-    const bool curable = reason == fit_reject_anchor_window_too_wide ||
-                         (retry_sample_uncertainty && reason == fit_reject_sample_uncertainty_too_large);
-    if (!curable) return false;
-  }
-  return false;
-}
+// Returns with a valid fit or throws.
+void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source);
 
 }  // namespace pelmor_lusk

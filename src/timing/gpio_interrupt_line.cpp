@@ -181,6 +181,13 @@ bool GpioInterruptLine::read_line_event(BridgedEvent& event, int timeout_ms) {
   return true;
 }
 
+GpioDrainStats GpioInterruptLine::drain() {
+  GpioDrainStats stats;
+  BridgedEvent event;
+  while (read_line_event(event, 0)) stats.add(event);
+  return stats;
+}
+
 void GpioInterruptLine::log_bridge_metrics() const { pelmor_lusk::log_bridge_metrics(metrics_); }
 
 void GpioInterruptLine::log_bridge_trace() const { pelmor_lusk::log_bridge_trace(trace_); }

@@ -8,6 +8,7 @@
 #include "common/unique_fd.hpp"
 #include "timing/bridged_event.hpp"
 #include "timing/clock_bridge.hpp"
+#include "timing/gpio_drain_stats.hpp"
 
 namespace pelmor_lusk {
 
@@ -40,6 +41,9 @@ class GpioInterruptLine {
   // Waits up to timeout_ms (0 = just look) for one edge. True when a rising edge
   // was read and bridged, whether or not the bridge was valid.
   bool read_line_event(BridgedEvent& event, int timeout_ms);
+
+  // Reads every edge already queued, without waiting.
+  GpioDrainStats drain();
 
   void log_bridge_metrics() const;
   void log_bridge_trace() const;

@@ -73,43 +73,18 @@ bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_
   return false;
 }
 
-MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source,
-                                    bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
-                                    std::uint64_t gpio_delivery_age_ns) {
+MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMapping& mapping, bool strict_timing, std::uint64_t tick,
+                                          std::uint64_t measurement_uncertainty_ns,
+                                          std::uint64_t gpio_delivery_age_ns) {
   MapperRefreshOutcome outcome;
-  outcome.mapping = map_tmst_to_raw(mapper, tick, measurement_uncertainty_ns);
-  if (outcome.mapping.valid) return outcome;
-  if (source == nullptr) throw std::runtime_error("sensor is not initialized for mapper refresh");
-
-  bool refreshed = false;
-  for (std::uint32_t attempt = 0; attempt < mapper_refresh_attempts; ++attempt) {
-    const TmstAnchor anchor = anchor_from_snapshot(unwrap, source->take_snapshot());
-    TmstMapper candidate = mapper;
-    if (candidate.add_anchor(anchor, tmst_refresh_residual_limit_ns)) {
-      if (map_tmst_to_raw(candidate, tick, measurement_uncertainty_ns).valid) {
-        mapper = candidate;
-        refreshed = true;
-        break;
-      }
-      mapper.last_rejected = candidate.fit;
-      mapper.last_rejected.valid = false;
-      mapper.last_rejected.reject_reason = fit_reject_sample_uncertainty_too_large;
-    } else {
-      mapper.last_rejected = candidate.last_rejected;
-    }
-    // Only a stretched snapshot or a sample still out of the gate is worth another try.
-    const std::uint32_t reason = mapper.last_rejected.reject_reason;
-    if (reason != fit_reject_anchor_window_too_wide && reason != fit_reject_sample_uncertainty_too_large) break;
-  }
-
-  outcome.mapping = map_tmst_to_raw(mapper, tick, measurement_uncertainty_ns);
-  if (outcome.mapping.valid) return outcome;
-
-  // A soft drop needs a real prediction and a lenient run; an invalid fit is always fatal.
+  outcome.mapping = mapping;
+  // A soft drop needs a real prediction and a lenient run; an invalid fit is always
+  // fatal. A map whose refresh is refused only for a stretched bracket is still
+  // trusted for the next sample.
   if (outcome.mapping.raw_ns != 0 && !strict_timing) {
     if (outcome.mapping.uncertainty_us > mapping_uncertainty_gate_us) {
       outcome.gate_drop = true;
-    } else if (!refreshed) {
+    } else {
       const std::uint32_t reason = mapper.last_rejected.reject_reason;
       outcome.gate_drop =
           reason == fit_reject_anchor_window_too_wide || reason == fit_reject_bridge_window_too_wide;
@@ -119,9 +94,7 @@ MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap,
   outcome.message = "TMST to RAW mapping failed or exceeded uncertainty gate: " +
                     format_mapping_diagnostic(outcome.mapping, mapper.fit, tick, measurement_uncertainty_ns,
                                               gpio_delivery_age_ns);
-  if (!refreshed) {
-    outcome.message += ", recovery_refresh_rejected_fit={" + format_fit_diagnostic(mapper.last_rejected) + "}";
-  }
+  outcome.message += ", recovery_refresh_rejected_fit={" + format_fit_diagnostic(mapper.last_rejected) + "}";
   if (!outcome.gate_drop) throw std::runtime_error(outcome.message);
   return outcome;
 }

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <string>
 
-#include "timing/anchor_map.hpp"
 #include "timing/tmst_mapper.hpp"
 
 namespace pelmor_lusk {
@@ -13,7 +12,6 @@ namespace pelmor_lusk {
 inline constexpr std::uint64_t tmst_quantization_ns = 1000;
 inline constexpr std::uint64_t mapping_uncertainty_gate_ns = 200000;
 inline constexpr std::uint32_t mapping_uncertainty_gate_us = 200;
-inline constexpr std::uint32_t mapper_refresh_attempts = 3;
 
 struct TmstMapping {
   bool valid = false;
@@ -38,12 +36,12 @@ TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::u
 bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_t tick,
                       std::uint64_t measurement_uncertainty_ns);
 
-// Maps `tick`; on failure takes up to three fresh anchors from `source` (null =
-// sensor absent). Returns a valid mapping, or a soft drop (gate_drop with the
-// message); throws std::runtime_error with the message otherwise.
-MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource* source,
-                                    bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
-                                    std::uint64_t gpio_delivery_age_ns);
+// The verdict on a mapping still outside its gate after fresh anchors were
+// refused (mapper.last_rejected says why). Returns the soft drop with its
+// message, or throws std::runtime_error with the message when it is fatal.
+MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMapping& mapping, bool strict_timing, std::uint64_t tick,
+                                          std::uint64_t measurement_uncertainty_ns,
+                                          std::uint64_t gpio_delivery_age_ns);
 
 std::string format_mapping_diagnostic(const TmstMapping& mapping, const TmstFit& fit, std::uint64_t tick,
                                       std::uint64_t measurement_uncertainty_ns, std::uint64_t gpio_delivery_age_ns);

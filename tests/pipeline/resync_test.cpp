@@ -5,7 +5,7 @@
 #include "pipeline/event_matching.hpp"
 #include "pipeline/pending_event_queue.hpp"
 #include "pipeline/resync_report.hpp"
-#include "sensor/arm_report.hpp"
+#include "pipeline/arm_report.hpp"
 
 namespace pelmor_lusk {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "driver/rate_profile.hpp"
+#include "common/rate_profile.hpp"
 #include "pipeline/decimator.hpp"
 #include "pipeline/step_gate.hpp"
 

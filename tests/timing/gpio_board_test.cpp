@@ -96,7 +96,7 @@ TEST(GpioLineEventsOnBoard, EdgesAreBridgedToTheirTrueInstantAndGapsCounted) {
   reset_with_chips({{"gpiochip0", "34120000.gpio"}});
   GpioInterruptLine line;
   line.open_interrupt_line();
-  const UniqueFd spi = testing_support::power_up_sensor(30);
+  const auto sensor = testing_support::power_up_sensor(30);
 
   BridgedEvent e;
   ASSERT_TRUE(line.read_line_event(e, 1000));

@@ -4,6 +4,7 @@
 
 #include "timing/anchor_map.hpp"
 #include "timing/tmst_mapper.hpp"
+#include "timing/tmst_timebase.hpp"
 #include "timing_test_support.hpp"
 
 namespace pelmor_lusk {
@@ -116,12 +117,10 @@ TEST(TmstFit, PastWarmUpABreakingAnchorIsUndoneUnlessTheWindowWasFull) {
 TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
   TmstMapper m;
   TmstUnwrapState unwrap;
-  EXPECT_EQ(error_of<std::runtime_error>([&] { establish_anchor_map(m, unwrap, nullptr); }),
-            "sensor is not initialized");
 
   // 20000 ticks apart from just below the 20-bit wrap: the fourth gives the first valid fit.
   ScriptedSource good([](int i) { return ideal_snapshot(0xFF000 + static_cast<std::uint64_t>(i) * 20000); });
-  establish_anchor_map(m, unwrap, &good);
+  establish_anchor_map(m, unwrap, good);
   EXPECT_EQ(good.snapshots, 7);
   EXPECT_EQ(good.pauses, 6);
   EXPECT_EQ(good.last_pause_ns, 20'000'000);
@@ -131,7 +130,7 @@ TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
   TmstMapper fresh;
   TmstUnwrapState fresh_unwrap;
   ScriptedSource stretched([](int i) { return ideal_snapshot(static_cast<std::uint64_t>(i) * 20000, 150000); });
-  EXPECT_EQ(error_of<std::runtime_error>([&] { establish_anchor_map(fresh, fresh_unwrap, &stretched); }),
+  EXPECT_EQ(error_of<std::runtime_error>([&] { establish_anchor_map(fresh, fresh_unwrap, stretched); }),
             "failed to establish TMST to RAW anchor map after 16 attempts, accepted=0: "
             "reason=anchor_window_too_wide, anchors=0, span_ticks=0, slope_ns_per_tick=0, slope_error_ppm=0, "
             "max_half_window_ns=150000, max_residual_ns=0");
@@ -140,37 +139,39 @@ TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
 }
 
 TEST(FreshAnchors, OnlyAStretchedBracketOrAnOpenGateIsWorthAnotherSnapshot) {
+  const AnchorGate plain = AnchorGate::plain();
+  const AnchorGate gated = AnchorGate::sample(50000, 0);
+  EXPECT_TRUE(fresh_anchor_worth_retrying(1, fit_reject_anchor_window_too_wide, plain));
+  EXPECT_TRUE(fresh_anchor_worth_retrying(2, fit_reject_anchor_window_too_wide, gated));
+  EXPECT_FALSE(fresh_anchor_worth_retrying(3, fit_reject_anchor_window_too_wide, plain));
+  EXPECT_FALSE(fresh_anchor_worth_retrying(1, fit_reject_residual_too_large, gated));
+  EXPECT_FALSE(fresh_anchor_worth_retrying(1, fit_reject_sample_uncertainty_too_large, plain));
+  EXPECT_TRUE(fresh_anchor_worth_retrying(2, fit_reject_sample_uncertainty_too_large, gated));
+  EXPECT_FALSE(fresh_anchor_worth_retrying(3, fit_reject_sample_uncertainty_too_large, gated));
+
+  // Two stretched brackets, then one that goes in: the third snapshot is taken
+  // and its tick reported.
   TmstMapper m = ideal_mapper(4);
   TmstUnwrapState unwrap;
-  int snapshots = 0;
-  auto take = [&] { return ideal_snapshot(40000 + static_cast<std::uint64_t>(snapshots++) * 10000); };
-  // Refusals of a given reason until the accepting attempt.
-  auto refusing = [&](std::uint32_t reason, int accept_at) {
-    return [&m, &snapshots, reason, accept_at](const TmstAnchor&) {
-      if (snapshots == accept_at) return true;
-      m.last_rejected.reject_reason = reason;
-      return false;
-    };
-  };
+  ScriptedSource recovering([](int i) { return ideal_snapshot(40000 + 1000 * static_cast<std::uint64_t>(i), i < 2 ? 150000 : 1000); });
+  std::uint64_t tick = 0;
+  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, recovering, plain, &tick));
+  EXPECT_EQ(recovering.snapshots, 3);
+  EXPECT_EQ(tick, 42000U);
+  EXPECT_EQ(m.anchor_count, 5U);
 
-  // Two stretched brackets, then one that goes in: the third snapshot is taken.
-  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_anchor_window_too_wide, 3), false));
-  EXPECT_EQ(snapshots, 3);
-  // Three stretched brackets: no fourth attempt.
-  snapshots = 0;
-  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_anchor_window_too_wide, 4), false));
-  EXPECT_EQ(snapshots, 3);
+  // Always stretched: no fourth attempt, and the map keeps its anchors.
+  ScriptedSource stretched([](int i) { return ideal_snapshot(50000 + 1000 * static_cast<std::uint64_t>(i), 150000); });
+  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, stretched, plain));
+  EXPECT_EQ(stretched.snapshots, 3);
+  EXPECT_EQ(m.anchor_count, 5U);
+
   // Any other refusal ends the attempts at once.
-  snapshots = 0;
-  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_residual_too_large, 3), true));
-  EXPECT_EQ(snapshots, 1);
-  // A sample still outside the gate is retried only where asked.
-  snapshots = 0;
-  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_sample_uncertainty_too_large, 3), false));
-  EXPECT_EQ(snapshots, 1);
-  snapshots = 0;
-  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, take, refusing(fit_reject_sample_uncertainty_too_large, 2), true));
-  EXPECT_EQ(snapshots, 2);
+  ScriptedSource stale([](int) { return ideal_snapshot(100); });
+  TmstUnwrapState fresh_unwrap;
+  EXPECT_FALSE(insert_fresh_anchor(m, fresh_unwrap, stale, gated));
+  EXPECT_EQ(stale.snapshots, 1);
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_non_monotonic_anchor);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "board_sensor.hpp"
+#include "run/sensor_anchor_source.hpp"
 #include "common/clock.hpp"
 #include "pelmor_vboard.hpp"
 #include "timing/tmst_mapping.hpp"
@@ -26,12 +27,12 @@ TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
   vb::Config config = GetParam().config;
   config.timing.drift_wander_ppm = 0.0;  // a fixed, known drift
   vb::reset(config);
-  const UniqueFd spi = testing_support::power_up_sensor();
-  testing_support::SpiAnchorSource source(spi);
+  const auto sensor = testing_support::power_up_sensor();
+  SensorAnchorSource source(*sensor, false);
 
   TmstMapper mapper;
   TmstUnwrapState unwrap;
-  establish_anchor_map(mapper, unwrap, &source);
+  establish_anchor_map(mapper, unwrap, source);
   ASSERT_TRUE(mapper.fit.valid);
 
   // Positive ppm: the counter runs fast, so fewer RAW ns per tick.

@@ -3,24 +3,10 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
-#include "timing/bridged_event.hpp"
+#include "timing/gpio_drain_stats.hpp"
 
 namespace pelmor_lusk {
-
-// Statistics over a run of discarded (or inspected) INT1 events.
-struct GpioDrainStats {
-  std::uint32_t events = 0;
-  std::uint32_t missing_sequence_count = 0;
-  std::uint32_t first_line_seqno = 0;
-  std::uint32_t last_line_seqno = 0;
-  std::uint64_t delivery_age_min_ns = 0;
-  std::uint64_t delivery_age_max_ns = 0;
-  bool valid = false;  // at least one event
-
-  void add(const BridgedEvent& event) noexcept;
-};
 
 struct ArmBoundaryReport {
   GpioDrainStats stale_gpio_drain;
@@ -34,10 +20,10 @@ struct ArmBoundaryReport {
   std::uint64_t arm_start_raw_ns = 0;
   std::int64_t arm_boundary_age_ns = 0;  // event RAW time minus arm start
   bool arm_boundary_event = false;
-};
 
-// "<prefix>_events=N, <prefix>_first_line_seqno=N, ..., <prefix>_valid=0|1".
-std::string format_gpio_drain_stats(std::string_view prefix, const GpioDrainStats& stats);
+  // Takes event as the boundary edge of an arm that started at arm_start_raw_ns.
+  void take_boundary(const BridgedEvent& event) noexcept;
+};
 
 // The three drains' events plus the boundary edge itself, which is consumed and
 // never paired.

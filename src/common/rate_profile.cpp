@@ -1,4 +1,4 @@
-#include "driver/rate_profile.hpp"
+#include "common/rate_profile.hpp"
 
 #include <stdexcept>
 

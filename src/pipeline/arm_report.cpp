@@ -1,36 +1,15 @@
-#include "sensor/arm_report.hpp"
-
-#include <algorithm>
+#include "pipeline/arm_report.hpp"
 
 namespace pelmor_lusk {
 
-void GpioDrainStats::add(const BridgedEvent& event) noexcept {
-  if (!valid) {
-    first_line_seqno = event.line_seqno;
-    delivery_age_min_ns = event.delivery_age_ns;
-    delivery_age_max_ns = event.delivery_age_ns;
-    valid = true;
-  } else {
-    delivery_age_min_ns = std::min(delivery_age_min_ns, event.delivery_age_ns);
-    delivery_age_max_ns = std::max(delivery_age_max_ns, event.delivery_age_ns);
-  }
-  last_line_seqno = event.line_seqno;
-  missing_sequence_count += event.missed_line_events;
-  events += 1;
-}
-
-std::string format_gpio_drain_stats(std::string_view prefix, const GpioDrainStats& stats) {
-  const std::string p(prefix);
-  std::string out;
-  out.reserve(7 * (p.size() + 32));
-  out += p + "_events=" + std::to_string(stats.events);
-  out += ", " + p + "_first_line_seqno=" + std::to_string(stats.first_line_seqno);
-  out += ", " + p + "_last_line_seqno=" + std::to_string(stats.last_line_seqno);
-  out += ", " + p + "_missing_sequence_count=" + std::to_string(stats.missing_sequence_count);
-  out += ", " + p + "_delivery_age_min_ns=" + std::to_string(stats.delivery_age_min_ns);
-  out += ", " + p + "_delivery_age_max_ns=" + std::to_string(stats.delivery_age_max_ns);
-  out += ", " + p + "_valid=" + (stats.valid ? "1" : "0");
-  return out;
+void ArmBoundaryReport::take_boundary(const BridgedEvent& event) noexcept {
+  arm_boundary_event = true;
+  arm_boundary_event_raw_ns = event.raw_ns;
+  arm_boundary_uncertainty_ns = event.half_window_ns;
+  arm_boundary_delivery_age_ns = event.delivery_age_ns;
+  arm_boundary_line_seqno = event.line_seqno;
+  arm_boundary_missing_sequence_count = event.missed_line_events;
+  arm_boundary_age_ns = static_cast<std::int64_t>(event.raw_ns) - static_cast<std::int64_t>(arm_start_raw_ns);
 }
 
 std::uint32_t discarded_gpio_events_after_recovery(const ArmBoundaryReport& report) noexcept {
