@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the tools need, if missing.
 set -euo pipefail
-packages=(cmake ninja-build g++ gcc pkgconf binutils libgtest-dev libgmock-dev googletest libbenchmark-dev clang libclang-rt-14-dev "$@")
+packages=(cmake ninja-build g++ gcc pkgconf binutils libgtest-dev libgmock-dev googletest libbenchmark-dev clang libclang-rt-14-dev python3 "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
