@@ -47,10 +47,10 @@ StepGateMessageFields PairingCore::step_gate_message_fields(std::uint16_t low16)
   fields.max_step_ticks = profile_.max_step_ticks;
   fields.allow_short_first_step = step_.allow_short_first_step;
   fields.runtime_boundary_context = runtime_boundary_context_;
-  fields.arm_start_raw_ns = arm_start_raw_ns_;
-  fields.arm_boundary_event_raw_ns = arm_boundary_event_raw_ns_;
-  fields.arm_boundary_uncertainty_ns = arm_boundary_uncertainty_ns_;
-  fields.arm_boundary_age_ns = arm_boundary_age_ns_;
+  fields.arm_start_raw_ns = runtime_arm_.arm_start_raw_ns;
+  fields.arm_boundary_event_raw_ns = runtime_arm_.arm_boundary_event_raw_ns;
+  fields.arm_boundary_uncertainty_ns = runtime_arm_.arm_boundary_uncertainty_ns;
+  fields.arm_boundary_age_ns = runtime_arm_.arm_boundary_age_ns;
   return fields;
 }
 
@@ -232,19 +232,13 @@ void PairingCore::begin_arm() noexcept {
   step_ = StepReference{};
   boundary_reference_tick_ = 0;
   runtime_boundary_context_ = false;
-  arm_start_raw_ns_ = 0;
-  arm_boundary_event_raw_ns_ = 0;
-  arm_boundary_uncertainty_ns_ = 0;
-  arm_boundary_age_ns_ = 0;
+  runtime_arm_ = ArmBoundaryReport{};
   phase_ = PhaseAlignmentState{};
 }
 
 void PairingCore::set_runtime_boundary(const ArmBoundaryReport& arm) noexcept {
   runtime_boundary_context_ = true;
-  arm_start_raw_ns_ = arm.arm_start_raw_ns;
-  arm_boundary_event_raw_ns_ = arm.arm_boundary_event_raw_ns;
-  arm_boundary_uncertainty_ns_ = arm.arm_boundary_uncertainty_ns;
-  arm_boundary_age_ns_ = arm.arm_boundary_age_ns;
+  runtime_arm_ = arm;
 }
 
 void PairingCore::armed(std::uint64_t anchor_tick) noexcept {

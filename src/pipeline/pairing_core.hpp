@@ -136,10 +136,7 @@ class PairingCore {
   StepReference step_;
   std::uint64_t boundary_reference_tick_ = 0;
   bool runtime_boundary_context_ = false;
-  std::uint64_t arm_start_raw_ns_ = 0;
-  std::uint64_t arm_boundary_event_raw_ns_ = 0;
-  std::uint64_t arm_boundary_uncertainty_ns_ = 0;
-  std::int64_t arm_boundary_age_ns_ = 0;
+  ArmBoundaryReport runtime_arm_;  // the last run-time re-arm, for the step-gate text
   PhaseAlignmentState phase_;
 
   // Whole run.
