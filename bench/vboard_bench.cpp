@@ -22,8 +22,16 @@
 #include <vector>
 
 #include "pelmor_vboard.hpp"
+#include "sensor/registers.hpp"
+#include "sensor/spi_transfer.hpp"
+#include "sensor/tmst_snapshot_message.hpp"
 
 namespace {
+
+namespace reg = pelmor_lusk::icm42688;
+using pelmor_lusk::make_spi_transfer;
+using pelmor_lusk::spi_register_speed_hz;
+using pelmor_lusk::submit_spi_message;
 
 std::uint64_t clock_ns(clockid_t id) {
   timespec ts{};
@@ -31,21 +39,21 @@ std::uint64_t clock_ns(clockid_t id) {
   return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
-struct Message {
-  std::uint8_t tx[4] = {0xF5, 0, 0, 0};
-  std::uint8_t rx[4] = {};
-  spi_ioc_transfer x[3]{};
-};
-
 // A one-register read (WHO_AM_I), as the library's register layer issues it.
-void register_read(Message& m) {
-  m.x[0] = spi_ioc_transfer{};
-  m.x[0].tx_buf = reinterpret_cast<std::uintptr_t>(m.tx);
-  m.x[0].rx_buf = reinterpret_cast<std::uintptr_t>(m.rx);
-  m.x[0].len = 2;
-  m.x[0].speed_hz = 4000000;
-  m.x[0].bits_per_word = 8;
-}
+// Holds the buffers its transfer points to: built in place, never copied.
+class RegisterRead {
+ public:
+  RegisterRead() noexcept : x_{make_spi_transfer(tx_, rx_, sizeof tx_, spi_register_speed_hz)} {}
+  RegisterRead(const RegisterRead&) = delete;
+  RegisterRead& operator=(const RegisterRead&) = delete;
+
+  int submit(int fd) noexcept { return submit_spi_message(fd, x_); }
+
+ private:
+  const std::uint8_t tx_[2] = {reg::WHO_AM_I | reg::SPI_READ_FLAG, 0};
+  std::uint8_t rx_[2] = {};
+  spi_ioc_transfer x_[1];
+};
 
 int open_board() {
   pelmor_vboard::Config cfg;
@@ -56,10 +64,9 @@ int open_board() {
 
 void BM_EmulatedRegisterRead(benchmark::State& state) {
   const int fd = open_board();
-  Message m;
-  register_read(m);
+  RegisterRead read;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(::ioctl(fd, SPI_IOC_MESSAGE(1), m.x));
+    benchmark::DoNotOptimize(read.submit(fd));
   }
   ::close(fd);
 }
@@ -67,22 +74,11 @@ BENCHMARK(BM_EmulatedRegisterRead);
 
 void BM_EmulatedSnapshotMessage(benchmark::State& state) {
   const int fd = open_board();
-  std::uint8_t t1[2] = {0x4B, 0x04}, t2[2] = {0x76, 0x01}, t3[4] = {0xE2, 0, 0, 0}, r3[4] = {}, t4[2] = {0x76, 0};
-  spi_ioc_transfer x[3]{}, restore{};
-  x[0].tx_buf = reinterpret_cast<std::uintptr_t>(t1);
-  x[0].len = 2;
-  x[0].cs_change = 1;
-  x[1].tx_buf = reinterpret_cast<std::uintptr_t>(t2);
-  x[1].len = 2;
-  x[1].cs_change = 1;
-  x[2].tx_buf = reinterpret_cast<std::uintptr_t>(t3);
-  x[2].rx_buf = reinterpret_cast<std::uintptr_t>(r3);
-  x[2].len = 4;
-  restore.tx_buf = reinterpret_cast<std::uintptr_t>(t4);
-  restore.len = 2;
+  pelmor_lusk::TmstSnapshotMessage snapshot;
+  pelmor_lusk::Bank0RestoreMessage restore;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(::ioctl(fd, SPI_IOC_MESSAGE(3), x));
-    benchmark::DoNotOptimize(::ioctl(fd, SPI_IOC_MESSAGE(1), &restore));
+    benchmark::DoNotOptimize(submit_spi_message(fd, snapshot.transfers()));
+    benchmark::DoNotOptimize(submit_spi_message(fd, restore.transfers()));
   }
   state.SetItemsProcessed(state.iterations() * 2);
   ::close(fd);
@@ -126,12 +122,11 @@ void print_distribution(const char* what, const std::vector<std::int64_t>& v, do
 // Per-call duration of emulated register reads, each timed on its own.
 void per_call_cost() {
   const int fd = open_board();
-  Message m;
-  register_read(m);
+  RegisterRead read;
   std::vector<std::int64_t> calls, clocks;
   for (int i = 0; i < 200000; ++i) {
     const std::uint64_t a = clock_ns(CLOCK_MONOTONIC_RAW);
-    ::ioctl(fd, SPI_IOC_MESSAGE(1), m.x);
+    read.submit(fd);
     const std::uint64_t b = clock_ns(CLOCK_MONOTONIC_RAW);
     const std::uint64_t c = clock_ns(CLOCK_MONOTONIC_RAW);
     calls.push_back(static_cast<std::int64_t>(b - a));
@@ -161,17 +156,15 @@ void edge_lateness(double seconds, std::uint8_t odr_code, const char* name, std:
     std::printf("edge lateness: board not reachable\n");
     return;
   }
-  auto write_reg = [spi](std::uint8_t reg, std::uint8_t value) {
-    std::uint8_t tx[2] = {reg, value};
-    spi_ioc_transfer x{};
-    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx);
-    x.len = 2;
-    ::ioctl(spi, SPI_IOC_MESSAGE(1), &x);
+  auto write_reg = [spi](std::uint8_t address, std::uint8_t value) {
+    const std::uint8_t tx[2] = {address, value};
+    spi_ioc_transfer x[1] = {make_spi_transfer(tx, nullptr, sizeof tx, spi_register_speed_hz)};
+    submit_spi_message(spi, x);
   };
-  write_reg(0x4F, odr_code);
-  write_reg(0x50, odr_code);
-  write_reg(0x65, 0x08);
-  write_reg(0x4E, 0x0F);
+  write_reg(reg::GYRO_CONFIG0, odr_code);
+  write_reg(reg::ACCEL_CONFIG0, odr_code);
+  write_reg(reg::INT_SOURCE0, reg::INT_SOURCE0_UI_DRDY_INT1_EN);
+  write_reg(reg::PWR_MGMT0, reg::PWR_MGMT0_GYRO_ACCEL_LOW_NOISE);
   std::vector<std::int64_t> client;
   const std::uint64_t end = clock_ns(CLOCK_MONOTONIC) + static_cast<std::uint64_t>(seconds * 1e9);
   while (clock_ns(CLOCK_MONOTONIC) < end) {
@@ -181,7 +174,7 @@ void edge_lateness(double seconds, std::uint8_t odr_code, const char* name, std:
     if (::read(req.fd, &ev, sizeof ev) != sizeof ev) continue;
     client.push_back(static_cast<std::int64_t>(clock_ns(CLOCK_MONOTONIC) - ev.timestamp_ns));
   }
-  write_reg(0x4E, 0x00);
+  write_reg(reg::PWR_MGMT0, reg::PWR_MGMT0_SENSORS_OFF);
   std::string label = std::string("edge readable after its stamp, ") + name;
   print_distribution(label.c_str(), client, 1000.0, "us");
   label = std::string("board queueing lateness, ") + name;

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/spi/spidev.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,6 +13,9 @@
 #include <vector>
 
 #include "pelmor_vboard.hpp"
+#include "sensor/registers.hpp"
+#include "sensor/spi_transfer.hpp"
+#include "sensor/tmst_snapshot_message.hpp"
 
 namespace pelmor_lusk::bench {
 namespace {
@@ -37,33 +39,18 @@ class ProbeTest : public ::testing::Test {
 
   // WHO_AM_I, one transfer.
   int register_read(std::uint8_t& value) {
-    std::uint8_t tx[2] = {0xF5, 0}, rx[2] = {};
-    spi_ioc_transfer x{};
-    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx);
-    x.rx_buf = reinterpret_cast<std::uintptr_t>(rx);
-    x.len = 2;
-    x.speed_hz = 4000000;
-    x.bits_per_word = 8;
-    const int r = ::ioctl(fd_, SPI_IOC_MESSAGE(1), &x);
+    const std::uint8_t tx[2] = {icm42688::WHO_AM_I | icm42688::SPI_READ_FLAG, 0};
+    std::uint8_t rx[2] = {};
+    spi_ioc_transfer x[1] = {make_spi_transfer(tx, rx, sizeof tx, spi_register_speed_hz)};
+    const int r = submit_spi_message(fd_, x);
     value = rx[1];
     return r;
   }
 
-  // The TMST strobe, bank 1, TMSTVAL0..2: three transfers in one message.
+  // The library's snapshot message (no bank-0 restore after it).
   int snapshot() {
-    std::uint8_t t1[2] = {0x4B, 0x04}, t2[2] = {0x76, 0x01}, t3[4] = {0xE2, 0, 0, 0}, r3[4] = {};
-    spi_ioc_transfer x[3]{};
-    const std::uint8_t* tx[3] = {t1, t2, t3};
-    const std::uint32_t len[3] = {2, 2, 4};
-    for (int i = 0; i < 3; ++i) {
-      x[i].tx_buf = reinterpret_cast<std::uintptr_t>(tx[i]);
-      x[i].len = len[i];
-      x[i].speed_hz = 10000000;
-      x[i].bits_per_word = 8;
-      x[i].cs_change = i < 2 ? 1 : 0;
-    }
-    x[2].rx_buf = reinterpret_cast<std::uintptr_t>(r3);
-    return ::ioctl(fd_, SPI_IOC_MESSAGE(3), x);
+    TmstSnapshotMessage message;
+    return submit_spi_message(fd_, message.transfers());
   }
 
   int fd_ = -1;

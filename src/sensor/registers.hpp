@@ -143,4 +143,71 @@ inline constexpr const char* ACCEL_CONFIG0_LABEL = "ACCEL_CONFIG0";
 inline constexpr const char* FIFO_CONFIG2_LABEL = "FIFO_CONFIG2";
 inline constexpr const char* FIFO_CONFIG3_LABEL = "FIFO_CONFIG3";
 
+// ---- The rest of the register file, as the virtual board emulates it ----
+// The library never touches these; the board needs them to answer as the chip.
+
+inline constexpr std::uint8_t SPI_ADDRESS_MASK = 0x7F;
+inline constexpr int REG_BANK_COUNT = 5;
+inline constexpr std::uint8_t REG_BANK_SEL_MASK = 0x07;
+
+// Bank 0 addresses.
+inline constexpr std::uint8_t DRIVE_CONFIG = 0x13;
+inline constexpr std::uint8_t TEMP_DATA1 = 0x1D;  // TEMP_DATA0 follows
+inline constexpr std::uint8_t ACCEL_DATA_X1 = 0x1F;
+inline constexpr std::uint8_t GYRO_DATA_X1 = 0x25;
+inline constexpr std::uint8_t INT_STATUS = 0x2D;
+inline constexpr std::uint8_t FIFO_COUNTL = 0x2F;
+inline constexpr std::uint8_t INT_STATUS3 = 0x38;  // TEMP_DATA1..INT_STATUS3 are read-only
+inline constexpr std::uint8_t INTF_CONFIG1 = 0x4D;
+inline constexpr std::uint8_t GYRO_CONFIG1 = 0x51;
+inline constexpr std::uint8_t GYRO_ACCEL_CONFIG0 = 0x52;
+inline constexpr std::uint8_t ACCEL_CONFIG1 = 0x53;
+inline constexpr std::uint8_t APEX_CONFIG0 = 0x56;
+inline constexpr std::uint8_t FSYNC_CONFIG = 0x62;  // bank 0; TMSTVAL0 in bank 1
+inline constexpr std::uint8_t FIFO_LOST_PKT0 = 0x6C;
+inline constexpr std::uint8_t FIFO_LOST_PKT1 = 0x6D;
+
+inline constexpr std::uint8_t INT_STATUS_FIFO_FULL = 0x02;
+inline constexpr std::uint8_t INT_STATUS_DATA_RDY = 0x08;
+inline constexpr std::uint8_t INT_STATUS_RESET_DONE = 0x10;
+
+inline constexpr std::uint8_t INT_CONFIG_INT1_ACTIVE_HIGH = 0x01;
+inline constexpr std::uint8_t INT_CONFIG_INT1_LATCHED = 0x04;
+inline constexpr std::uint8_t INT_CONFIG1_TPULSE_8US = 0x40;  // clear: 100 us pulses
+
+// INTF_CONFIG0: FIFO count in records instead of bytes; count and data byte order.
+inline constexpr std::uint8_t INTF_CONFIG0_FIFO_COUNT_RECORDS = 0x40;
+inline constexpr std::uint8_t INTF_CONFIG0_COUNT_BIG_ENDIAN = 0x20;
+inline constexpr std::uint8_t INTF_CONFIG0_DATA_BIG_ENDIAN = 0x10;
+
+// PWR_MGMT0: accel mode in bits 1:0 (2 low-power, 3 low-noise), gyro mode in bits 3:2.
+inline constexpr std::uint8_t PWR_MGMT0_ACCEL_MODE_MASK = 0x03;
+inline constexpr std::uint8_t PWR_MGMT0_ACCEL_LOW_POWER = 0x02;
+inline constexpr std::uint8_t PWR_MGMT0_GYRO_MODE_MASK = 0x0C;
+inline constexpr std::uint8_t PWR_MGMT0_GYRO_LOW_NOISE = 0x0C;
+
+inline constexpr std::uint8_t CONFIG0_ODR_MASK = 0x0F;
+inline constexpr int CONFIG0_FS_SEL_SHIFT = 5;
+inline constexpr std::uint8_t GYRO_CONFIG0_FS_SEL_MASK = 0xE0;
+inline constexpr std::uint8_t ACCEL_CONFIG0_FS_SEL_MASK = 0x60;  // 16, 8, 4 or 2 g
+
+inline constexpr std::uint8_t TMST_CONFIG_EN = 0x01;
+inline constexpr std::uint8_t TMST_CONFIG_DELTA_EN = 0x04;
+inline constexpr std::uint8_t TMST_CONFIG_RES_16US = 0x08;
+inline constexpr std::uint8_t TMST_CONFIG_TO_REGS_EN = 0x10;
+inline constexpr std::uint32_t TMST_COUNTER_MASK = 0xFFFFF;  // 20 bits
+inline constexpr std::uint8_t TMSTVAL2_MASK = 0x0F;
+
+inline constexpr std::uint8_t FIFO_CONFIG_MODE_MASK = 0xC0;
+inline constexpr std::uint8_t FIFO_CONFIG_STOP_ON_FULL = 0x80;  // and 0xC0
+
+inline constexpr std::uint8_t FIFO_CONFIG1_ACCEL_EN = 0x01;
+inline constexpr std::uint8_t FIFO_CONFIG1_GYRO_EN = 0x02;
+inline constexpr std::uint8_t FIFO_CONFIG1_TMST_FSYNC_EN = 0x08;
+inline constexpr std::uint8_t FIFO_CONFIG1_HIRES_EN = 0x10;
+
+inline constexpr std::uint8_t SIGNAL_PATH_RESET_ABORT_AND_RESET = 0x08;
+
+inline constexpr std::uint8_t FIFO_HEADER_TIMESTAMP_ODR = 0x08;
+
 }  // namespace pelmor_lusk::icm42688

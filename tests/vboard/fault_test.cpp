@@ -69,7 +69,7 @@ TEST(VboardFaults, WrongReadBackShortCountAndStretchedSnapshot) {
   pv::reset();
   Spi spi;
   pv::corrupt_register_read(0, FIFO_CONFIG, 0xFF, 0x0F);
-  spi.write(FIFO_CONFIG, 0x00);
+  spi.write(FIFO_CONFIG, FIFO_CONFIG_BYPASS);
   EXPECT_EQ(spi.read1(FIFO_CONFIG), 0x0F);
   EXPECT_EQ(pv::register_value(0, FIFO_CONFIG), 0x00) << "the register itself holds what was written";
 
@@ -77,7 +77,7 @@ TEST(VboardFaults, WrongReadBackShortCountAndStretchedSnapshot) {
   EXPECT_EQ(spi.snapshot().result, 6);
   EXPECT_EQ(spi.snapshot().result, 8);
 
-  spi.write(TMST_CONFIG, 0x31);
+  spi.write(TMST_CONFIG, TMST_CONFIG_DRIVER);
   const auto mark = pv::spi_log_mark();
   pv::stretch_spi_message(pv::SpiMessageKind::tmst_snapshot, 300000, pv::Trigger::once(2));
   const auto a = spi.snapshot();
@@ -91,6 +91,34 @@ TEST(VboardFaults, WrongReadBackShortCountAndStretchedSnapshot) {
   EXPECT_GE(log[2].latch_raw_ns, b.before);
   EXPECT_LE(log[2].latch_raw_ns, b.after);
   EXPECT_EQ(log[2].latch_tmst, b.ticks);
+}
+
+// Faults that match the same call all count it: the first hit decides the
+// call's error, yet a later one still advances to its own nth. Read-back
+// corruptions all apply, in the order they were set.
+TEST(VboardFaults, OverlappingFaultsEachCountEveryCall) {
+  pv::reset();
+  Spi spi;
+  const auto first = pv::fail_spi_message(pv::SpiMessageKind::register_read, EIO, pv::Trigger::once(1));
+  const auto second = pv::fail_spi_message(pv::SpiMessageKind::any, EBUSY, pv::Trigger::once(2));
+  const auto shadowed = pv::fail_spi_message(pv::SpiMessageKind::register_read, ENOMEM, pv::Trigger::once(2));
+  int r = 0;
+  spi.read(WHO_AM_I, 1, &r);
+  EXPECT_EQ(r, -1);
+  EXPECT_EQ(errno, EIO);
+  spi.read(WHO_AM_I, 1, &r);
+  EXPECT_EQ(r, -1);
+  EXPECT_EQ(errno, EBUSY) << "the fault set first wins a tie";
+  spi.read(WHO_AM_I, 1, &r);
+  EXPECT_EQ(r, 2);
+  EXPECT_EQ(pv::fault_hits(first), 1u);
+  EXPECT_EQ(pv::fault_hits(second), 1u);
+  EXPECT_EQ(pv::fault_hits(shadowed), 1u) << "hit, though another decided the call";
+
+  pv::clear_faults();
+  pv::corrupt_register_read(0, WHO_AM_I, 0xF0, 0xA0);
+  pv::corrupt_register_read(0, WHO_AM_I, 0x3C, 0x00);
+  EXPECT_EQ(spi.read1(WHO_AM_I), 0x83) << "0x47 -> 0xA7 -> 0x83";
 }
 
 // Line sequence numbers of the next `n` events.

@@ -98,7 +98,7 @@ TEST(VboardGpio, FullEventBufferKeepsTheNewest) {
   Spi spi;
   spi.stream(0x07);
   ASSERT_TRUE(pv::wait_for_samples(30, 5s));
-  spi.write(PWR_MGMT0, 0x00);  // stop, so that the count below is exact
+  spi.write(PWR_MGMT0, PWR_MGMT0_SENSORS_OFF);  // stop, so that the count below is exact
   const std::uint64_t produced = pv::samples_produced();
   ASSERT_TRUE(pv::wait_for_edges(produced, 1s));
   usleep(1000);
@@ -158,7 +158,7 @@ TEST(VboardGpio, PulsesShowBothEdgesAndActiveLowInvertsThem) {
     EXPECT_EQ(down.id, GPIO_V2_LINE_EVENT_FALLING_EDGE);
     EXPECT_EQ(down.timestamp_ns - up.timestamp_ns, 100000u) << "INT1 pulses for 100 us";
     EXPECT_EQ(down.line_seqno, up.line_seqno + 1);
-    spi.write(PWR_MGMT0, 0x00);
+    spi.write(PWR_MGMT0, PWR_MGMT0_SENSORS_OFF);
   }
   pv::reset();
   Line inverted("gpiochip0", 16,
@@ -168,7 +168,7 @@ TEST(VboardGpio, PulsesShowBothEdgesAndActiveLowInvertsThem) {
   ASSERT_EQ(ioctl(inverted.fd(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values), 0);
   EXPECT_EQ(values.bits, 0u) << "INT1 is active-low after reset: idle high, inactive through ACTIVE_LOW";
   Spi spi;
-  spi.write(INT_CONFIG, 0x03);
+  spi.write(INT_CONFIG, INT_CONFIG_INT1_PULSED_PUSH_PULL_HIGH);
   ASSERT_EQ(ioctl(inverted.fd(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values), 0);
   EXPECT_EQ(values.bits, 1u) << "active-high and idle: low, so active through ACTIVE_LOW";
   spi.stream(0x07);

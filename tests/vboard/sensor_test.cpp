@@ -24,7 +24,9 @@ TEST(VboardSensor, RegistersReadBackAsTheChipHoldsThem) {
 
   // A masked update as a driver does it: bits outside the mask keep their reset value.
   const std::uint8_t old = spi.read1(TMST_CONFIG);
-  ASSERT_EQ(spi.write(TMST_CONFIG, static_cast<std::uint8_t>((old & ~0x1F) | 0x11)), 2);
+  ASSERT_EQ(spi.write(TMST_CONFIG,
+                      static_cast<std::uint8_t>((old & ~TMST_CONFIG_MASK) | TMST_CONFIG_REGISTER_READ_COUNTER_ON)),
+            2);
   EXPECT_EQ(spi.read1(TMST_CONFIG), 0x31);
   EXPECT_EQ(spi.write(GYRO_CONFIG0, 0x07), 2);
   EXPECT_EQ(spi.read1(GYRO_CONFIG0), 0x07);
@@ -36,7 +38,8 @@ TEST(VboardSensor, RegistersReadBackAsTheChipHoldsThem) {
   // Soft reset: the chip ignores traffic for 1 ms (a read in the same message as
   // the reset gets nothing), then holds its power-on values again.
   const auto mark = pv::spi_log_mark();
-  std::uint8_t reset_tx[2] = {DEVICE_CONFIG, 0x01}, read_tx[2] = {WHO_AM_I | 0x80, 0}, read_rx[2] = {};
+  std::uint8_t reset_tx[2] = {DEVICE_CONFIG, DEVICE_CONFIG_SOFT_RESET}, read_tx[2] = {WHO_AM_I | SPI_READ_FLAG, 0},
+               read_rx[2] = {};
   spi_ioc_transfer x[2]{};
   x[0].tx_buf = reinterpret_cast<std::uintptr_t>(reset_tx);
   x[0].len = 2;
@@ -113,7 +116,7 @@ TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   Spi spi;
   const auto off = spi.snapshot();
   EXPECT_EQ(off.ticks, 0u) << "TMSTVAL stays 0 until TMST_TO_REGS_EN is set";
-  spi.write(TMST_CONFIG, 0x31);
+  spi.write(TMST_CONFIG, TMST_CONFIG_DRIVER);
   const auto mark = pv::spi_log_mark();
   const Spi::Snapshot a = spi.snapshot();
   usleep(20000);
@@ -136,7 +139,7 @@ TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   EXPECT_EQ(pv::active_bank(), 0);
 
   // Ticks advance 2000 ppm fast against RAW (the counter wrapped in between).
-  const double dticks = static_cast<double>((b.ticks - a.ticks) & 0xFFFFF);
+  const double dticks = static_cast<double>((b.ticks - a.ticks) & TMST_COUNTER_MASK);
   const double draw = static_cast<double>(log[2].latch_raw_ns - log[0].latch_raw_ns);
   EXPECT_NEAR(dticks * 1000.0 / draw, 1.002, 0.0002);
   EXPECT_EQ(pv::tmst_at(log[2].latch_raw_ns), b.ticks);
@@ -151,7 +154,7 @@ TEST(VboardSensor, FifoStreamsPacketsAtTheOdr) {
     Spi spi;
     spi.stream(code);
     ASSERT_TRUE(pv::wait_for_samples(4, 5s));
-    spi.write(PWR_MGMT0, 0x00);  // hold the FIFO still
+    spi.write(PWR_MGMT0, PWR_MGMT0_SENSORS_OFF);  // hold the FIFO still
     const std::uint16_t count = spi.fifo_count();
     ASSERT_GE(count, 64);
     ASSERT_EQ(count % 16, 0);
@@ -185,7 +188,7 @@ TEST(VboardSensor, FullFifoLosesTheOldestPacketsAndStartupSentinelsLead) {
   spi.stream(0x07);
   ASSERT_TRUE(pv::wait_for_samples(10, 5s));
   EXPECT_EQ(spi.fifo_count(), 64);
-  EXPECT_GE(spi.read1(0x6C), 6) << "FIFO_LOST_PKT0";
+  EXPECT_GE(spi.read1(FIFO_LOST_PKT0), 6);
   const auto packets = parse(spi.read(FIFO_DATA, 64));
   ASSERT_EQ(packets.size(), 4u);
   const auto newest = pv::samples_produced();

@@ -1,5 +1,6 @@
-// Raw spidev and GPIO character-device traffic for the board's self-tests,
-// written from the wire formats alone (no library code involved).
+// Raw spidev and GPIO character-device traffic for the board's self-tests. The
+// SPI side speaks through the library's register map and its snapshot message
+// builders (header-only); everything else is written from the wire formats.
 #pragma once
 
 #include <dirent.h>
@@ -17,15 +18,18 @@
 #include <vector>
 
 #include "pelmor_vboard.hpp"
+#include "sensor/registers.hpp"
+#include "sensor/spi_transfer.hpp"
+#include "sensor/tmst_snapshot_message.hpp"
 
 namespace vboard_test {
 
 using namespace std::chrono_literals;
 
-inline constexpr std::uint8_t REG_BANK_SEL = 0x76, DEVICE_CONFIG = 0x11, WHO_AM_I = 0x75, PWR_MGMT0 = 0x4E,
-                              GYRO_CONFIG0 = 0x4F, ACCEL_CONFIG0 = 0x50, INT_CONFIG = 0x14, INT_SOURCE0 = 0x65,
-                              TMST_CONFIG = 0x54, FIFO_CONFIG = 0x16, FIFO_CONFIG1 = 0x5F, INTF_CONFIG0 = 0x4C,
-                              SIGNAL_PATH_RESET = 0x4B, FIFO_COUNTH = 0x2E, FIFO_DATA = 0x30;
+using namespace pelmor_lusk::icm42688;
+
+// The driver's TMST_CONFIG bits over the reset value's reserved bit 5.
+inline constexpr std::uint8_t TMST_CONFIG_DRIVER = 0x20 | TMST_CONFIG_REGISTER_READ_COUNTER_ON;
 
 inline std::uint64_t raw_ns() {
   timespec ts{};
@@ -43,29 +47,22 @@ class Spi {
   Spi& operator=(const Spi&) = delete;
   int fd() const { return fd_; }
 
-  // One-transfer read of n registers: address | 0x80 then n dummy bytes.
+  // One-transfer read of n registers: the address with the read flag, then n dummy bytes.
   std::vector<std::uint8_t> read(std::uint8_t reg, std::size_t n, int* result = nullptr) {
     std::vector<std::uint8_t> tx(n + 1, 0), rx(n + 1, 0);
-    tx[0] = static_cast<std::uint8_t>(reg | 0x80);
-    spi_ioc_transfer x{};
-    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx.data());
-    x.rx_buf = reinterpret_cast<std::uintptr_t>(rx.data());
-    x.len = static_cast<std::uint32_t>(n + 1);
-    x.speed_hz = 4000000;
-    x.bits_per_word = 8;
-    const int r = ::ioctl(fd_, SPI_IOC_MESSAGE(1), &x);
+    tx[0] = static_cast<std::uint8_t>(reg | SPI_READ_FLAG);
+    spi_ioc_transfer x[1] = {pelmor_lusk::make_spi_transfer(tx.data(), rx.data(), static_cast<std::uint32_t>(n + 1),
+                                                            pelmor_lusk::spi_register_speed_hz)};
+    const int r = pelmor_lusk::submit_spi_message(fd_, x);
     if (result != nullptr) *result = r;
     return {rx.begin() + 1, rx.end()};
   }
   std::uint8_t read1(std::uint8_t reg) { return read(reg, 1).at(0); }
   int write(std::uint8_t reg, std::uint8_t value) {
-    std::uint8_t tx[2] = {reg, value};
-    spi_ioc_transfer x{};
-    x.tx_buf = reinterpret_cast<std::uintptr_t>(tx);
-    x.len = 2;
-    x.speed_hz = 4000000;
-    x.bits_per_word = 8;
-    return ::ioctl(fd_, SPI_IOC_MESSAGE(1), &x);
+    const std::uint8_t tx[2] = {reg, value};
+    spi_ioc_transfer x[1] = {
+        pelmor_lusk::make_spi_transfer(tx, nullptr, sizeof tx, pelmor_lusk::spi_register_speed_hz)};
+    return pelmor_lusk::submit_spi_message(fd_, x);
   }
 
   struct Snapshot {
@@ -73,44 +70,31 @@ class Spi {
     std::uint32_t ticks = 0;
     std::uint64_t before = 0, after = 0;
   };
-  // Strobe, bank 1, read TMSTVAL0..2 in one message; then bank 0 again.
+  // The library's snapshot message, then its bank-0 restore.
   Snapshot snapshot() {
-    std::uint8_t t1[2] = {SIGNAL_PATH_RESET, 0x04}, t2[2] = {REG_BANK_SEL, 0x01}, t3[4] = {0xE2, 0, 0, 0}, r3[4] = {};
-    spi_ioc_transfer x[3]{};
-    x[0].tx_buf = reinterpret_cast<std::uintptr_t>(t1);
-    x[0].len = 2;
-    x[0].cs_change = 1;
-    x[1].tx_buf = reinterpret_cast<std::uintptr_t>(t2);
-    x[1].len = 2;
-    x[1].cs_change = 1;
-    x[2].tx_buf = reinterpret_cast<std::uintptr_t>(t3);
-    x[2].rx_buf = reinterpret_cast<std::uintptr_t>(r3);
-    x[2].len = 4;
-    for (auto& t : x) {
-      t.speed_hz = 10000000;
-      t.bits_per_word = 8;
-    }
+    pelmor_lusk::TmstSnapshotMessage message;
     Snapshot s;
     s.before = raw_ns();
-    s.result = ::ioctl(fd_, SPI_IOC_MESSAGE(3), x);
+    s.result = pelmor_lusk::submit_spi_message(fd_, message.transfers());
     s.after = raw_ns();
-    s.ticks = static_cast<std::uint32_t>((r3[3] & 0x0F) << 16 | r3[2] << 8 | r3[1]);
-    write(REG_BANK_SEL, 0);
+    s.ticks = message.ticks();
+    pelmor_lusk::Bank0RestoreMessage restore;
+    pelmor_lusk::submit_spi_message(fd_, restore.transfers());
     return s;
   }
 
   // Sensors on at the ODR code, data-ready to INT1, FIFO streaming 16-byte packets.
   void stream(std::uint8_t odr_code, bool drdy = true) {
-    write(REG_BANK_SEL, 0);
+    write(REG_BANK_SEL, REG_BANK_SEL_BANK0);
     write(GYRO_CONFIG0, odr_code);
     write(ACCEL_CONFIG0, odr_code);
-    write(INT_CONFIG, 0x03);
-    write(TMST_CONFIG, 0x31);
-    write(FIFO_CONFIG1, 0x0F);
-    write(INT_SOURCE0, drdy ? 0x08 : 0x00);
-    write(FIFO_CONFIG, 0x40);
-    write(SIGNAL_PATH_RESET, 0x02);
-    write(PWR_MGMT0, 0x0F);
+    write(INT_CONFIG, INT_CONFIG_INT1_PULSED_PUSH_PULL_HIGH);
+    write(TMST_CONFIG, TMST_CONFIG_DRIVER);
+    write(FIFO_CONFIG1, FIFO_CONFIG1_ACCEL_GYRO_TEMP_TMST);
+    write(INT_SOURCE0, drdy ? INT_SOURCE0_UI_DRDY_INT1_EN : 0x00);
+    write(FIFO_CONFIG, FIFO_CONFIG_STREAM);
+    write(SIGNAL_PATH_RESET, SIGNAL_PATH_RESET_FIFO_FLUSH);
+    write(PWR_MGMT0, PWR_MGMT0_GYRO_ACCEL_LOW_NOISE);
   }
 
   std::uint16_t fifo_count() {
@@ -131,7 +115,8 @@ struct Packet {
 
 inline std::vector<Packet> parse(const std::vector<std::uint8_t>& bytes) {
   std::vector<Packet> out;
-  for (std::size_t i = 0; i + 16 <= bytes.size(); i += 16) {
+  constexpr std::size_t size = FIFO_PACKET_ACCEL_GYRO_TMST;
+  for (std::size_t i = 0; i + size <= bytes.size(); i += size) {
     const std::uint8_t* p = &bytes[i];
     Packet k;
     k.header = p[0];

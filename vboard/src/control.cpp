@@ -28,7 +28,7 @@ detail::Guard locked(Board& b) {
 FaultId add(Fault f) {
   Board& b = board();
   auto lk = locked(b);
-  return detail::add_fault_locked(b, f);
+  return b.faults.add(f);
 }
 
 Fault fault_of(FaultType type, Trigger when) {
@@ -108,14 +108,14 @@ PELMOR_VBOARD_API std::array<std::uint8_t, 128> register_bank(int bank) {
   std::array<std::uint8_t, 128> out{};
   if (bank < 0 || bank >= detail::bank_count) return out;
   out = b.sensor.bank_array(bank);
-  out[detail::reg::reg_bank_sel] = b.sensor.peek(0, detail::reg::reg_bank_sel);
+  out[detail::reg::REG_BANK_SEL] = b.sensor.peek(0, detail::reg::REG_BANK_SEL);
   return out;
 }
 
 PELMOR_VBOARD_API std::uint8_t register_value(int bank, std::uint8_t reg) {
   Board& b = board();
   auto lk = locked(b);
-  return b.sensor.peek(bank, static_cast<std::uint8_t>(reg & 0x7F));
+  return b.sensor.peek(bank, static_cast<std::uint8_t>(reg & detail::reg::SPI_ADDRESS_MASK));
 }
 
 PELMOR_VBOARD_API std::uint8_t active_bank() {
@@ -276,7 +276,7 @@ PELMOR_VBOARD_API FaultId corrupt_register_read(int bank, std::uint8_t reg, std:
                                                 Trigger when) {
   Fault f = fault_of(FaultType::corrupt_read, when);
   f.bank = bank;
-  f.reg = static_cast<std::uint8_t>(reg & 0x7F);
+  f.reg = static_cast<std::uint8_t>(reg & detail::reg::SPI_ADDRESS_MASK);
   f.mask = mask;
   f.value = value;
   return add(f);
@@ -318,23 +318,19 @@ PELMOR_VBOARD_API void set_who_am_i(std::uint8_t value) {
   Board& b = board();
   auto lk = locked(b);
   b.config.who_am_i = value;
-  b.sensor.raw(0, detail::reg::who_am_i) = value;
+  b.sensor.raw(0, detail::reg::WHO_AM_I) = value;
 }
 
 PELMOR_VBOARD_API std::uint64_t fault_hits(FaultId id) {
   Board& b = board();
   auto lk = locked(b);
-  for (const auto& f : b.faults) {
-    if (f.id == id) return f.hits;
-  }
-  return 0;
+  return b.faults.hits(id);
 }
 
 PELMOR_VBOARD_API void clear_fault(FaultId id) {
   Board& b = board();
   auto lk = locked(b);
-  b.faults.erase(std::remove_if(b.faults.begin(), b.faults.end(), [id](const Fault& f) { return f.id == id; }),
-                 b.faults.end());
+  b.faults.remove(id);
 }
 
 PELMOR_VBOARD_API void clear_faults() {

@@ -9,27 +9,19 @@
 #include <vector>
 
 #include "board.hpp"
+#include "parse.hpp"
 
 namespace pelmor_vboard {
 
 using detail::Board;
 using detail::Fault;
-using detail::FaultType;
+using detail::parse_u64;
+using detail::split;
 
 namespace {
 
 void complain(const char* name, const char* value) {
   std::fprintf(stderr, "pelmor-vboard: ignoring %s=%s\n", name, value);
-}
-
-bool parse_u64(const char* text, std::uint64_t& out) {
-  if (text == nullptr || *text == '\0') return false;
-  errno = 0;
-  char* end = nullptr;
-  const unsigned long long v = std::strtoull(text, &end, 0);
-  if (errno != 0 || end == text || *end != '\0' || text[0] == '-') return false;
-  out = v;
-  return true;
 }
 
 bool parse_double(const char* text, double& out) {
@@ -40,21 +32,6 @@ bool parse_double(const char* text, double& out) {
   if (errno != 0 || end == text || *end != '\0') return false;
   out = v;
   return true;
-}
-
-std::vector<std::string> split(const std::string& text, const char* separators) {
-  std::vector<std::string> out;
-  std::string current;
-  for (char c : text) {
-    if (std::strchr(separators, c) != nullptr) {
-      out.push_back(current);
-      current.clear();
-    } else {
-      current += c;
-    }
-  }
-  out.push_back(current);
-  return out;
 }
 
 template <typename T>
@@ -89,62 +66,6 @@ void env_vector(const char* name, std::array<double, 3>& field) {
     if (!parse_double(parts[i].c_str(), out[i])) return complain(name, v);
   }
   field = out;
-}
-
-bool parse_errno(const std::string& text, int& out) {
-  static const std::pair<const char*, int> names[] = {
-      {"EIO", EIO},         {"EINVAL", EINVAL},       {"EBUSY", EBUSY},   {"ENODEV", ENODEV},
-      {"EAGAIN", EAGAIN},   {"EINTR", EINTR},         {"EFAULT", EFAULT}, {"ENOMEM", ENOMEM},
-      {"EPERM", EPERM},     {"ENOTTY", ENOTTY},       {"ESHUTDOWN", ESHUTDOWN},
-      {"EMSGSIZE", EMSGSIZE}, {"ETIMEDOUT", ETIMEDOUT}, {"ENOENT", ENOENT}, {"EACCES", EACCES},
-  };
-  for (const auto& [n, v] : names) {
-    if (text == n) {
-      out = v;
-      return true;
-    }
-  }
-  std::uint64_t x = 0;
-  if (!parse_u64(text.c_str(), x) || x == 0 || x > 4095) return false;
-  out = static_cast<int>(x);
-  return true;
-}
-
-bool parse_kind(const std::string& text, SpiMessageKind& out) {
-  static const std::pair<const char*, SpiMessageKind> names[] = {
-      {"any", SpiMessageKind::any},
-      {"tmst_snapshot", SpiMessageKind::tmst_snapshot},
-      {"bank_select", SpiMessageKind::bank_select},
-      {"fifo_count_read", SpiMessageKind::fifo_count_read},
-      {"fifo_data_read", SpiMessageKind::fifo_data_read},
-      {"register_read", SpiMessageKind::register_read},
-      {"register_write", SpiMessageKind::register_write},
-  };
-  for (const auto& [n, v] : names) {
-    if (text == n) {
-      out = v;
-      return true;
-    }
-  }
-  return false;
-}
-
-bool parse_target(const std::string& text, IoctlTarget& out) {
-  static const std::pair<const char*, IoctlTarget> names[] = {
-      {"any", IoctlTarget::any},
-      {"spi_message", IoctlTarget::spi_message},
-      {"spi_setup", IoctlTarget::spi_setup},
-      {"gpio_chipinfo", IoctlTarget::gpio_chipinfo},
-      {"gpio_line_request", IoctlTarget::gpio_line_request},
-      {"gpio_line", IoctlTarget::gpio_line},
-  };
-  for (const auto& [n, v] : names) {
-    if (text == n) {
-      out = v;
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace
@@ -237,66 +158,13 @@ Config Config::from_environment() {
 
 namespace detail {
 
-FaultId add_fault_locked(Board& b, Fault fault) {
-  fault.id = b.next_fault_id++;
-  fault.seen = 0;
-  fault.hits = 0;
-  if (fault.when.nth == 0) fault.when.nth = 1;
-  b.faults.push_back(fault);
-  return fault.id;
-}
-
-bool parse_fault(const std::string& text, Fault& f) {
-  const auto parts = split(text, ":");
-  static const std::pair<const char*, FaultType> names[] = {
-      {"ioctl-error", FaultType::fail_ioctl},     {"spi-error", FaultType::fail_spi},
-      {"spi-short", FaultType::short_spi},        {"spi-stretch", FaultType::stretch_spi},
-      {"register-read", FaultType::corrupt_read}, {"drop-edge", FaultType::drop_edge},
-      {"suppress-edge", FaultType::suppress_edge}, {"spurious-edge", FaultType::spurious_edge},
-      {"sentinel", FaultType::sentinel},          {"stall-fifo", FaultType::stall_fifo},
-      {"line-read-error", FaultType::fail_line_read},
-  };
-  bool known = false;
-  for (const auto& [n, t] : names) {
-    if (parts[0] == n) {
-      f.type = t;
-      known = true;
-    }
-  }
-  if (!known) return false;
-  f.error_number = EIO;
-  if (f.type == FaultType::corrupt_read) f.when = Trigger::from();
-  if (f.type == FaultType::short_spi) f.amount = 2;
-  if (f.type == FaultType::stretch_spi) f.amount = 250000;
-  for (std::size_t i = 1; i < parts.size(); ++i) {
-    const auto eq = parts[i].find('=');
-    if (eq == std::string::npos) return false;
-    const std::string key = parts[i].substr(0, eq);
-    const std::string value = parts[i].substr(eq + 1);
-    std::uint64_t n = 0;
-    const bool numeric = parse_u64(value.c_str(), n);
-    if (key == "nth" && numeric) f.when.nth = n;
-    else if (key == "count" && numeric) f.when.count = n;
-    else if (key == "errno") { if (!parse_errno(value, f.error_number)) return false; }
-    else if (key == "kind") { if (!parse_kind(value, f.kind)) return false; }
-    else if (key == "target") { if (!parse_target(value, f.target)) return false; }
-    else if ((key == "bytes" || key == "ns") && numeric) f.amount = n;
-    else if (key == "bank" && numeric && n < 5) f.bank = static_cast<int>(n);
-    else if (key == "reg" && numeric && n < 128) f.reg = static_cast<std::uint8_t>(n);
-    else if (key == "mask" && numeric && n < 256) f.mask = static_cast<std::uint8_t>(n);
-    else if (key == "value" && numeric && n < 256) f.value = static_cast<std::uint8_t>(n);
-    else return false;
-  }
-  return true;
-}
-
 void add_environment_faults(Board& b) {
   const char* v = std::getenv("PELMOR_VBOARD_FAULTS");
   if (v == nullptr || *v == '\0') return;
   for (const auto& item : split(v, ";")) {
     if (item.empty()) continue;
     Fault f;
-    if (parse_fault(item, f)) add_fault_locked(b, f); else complain("PELMOR_VBOARD_FAULTS item", item.c_str());
+    if (parse_fault(item, f)) b.faults.add(f); else complain("PELMOR_VBOARD_FAULTS item", item.c_str());
   }
 }
 

@@ -9,14 +9,9 @@
 namespace pelmor_vboard::detail {
 
 class Board;
-struct Fault;
 
-// Registers a fault; the caller holds the board lock.
-FaultId add_fault_locked(Board& board, Fault fault);
 // Parses PELMOR_VBOARD_FAULTS into faults; the caller holds the board lock.
 void add_environment_faults(Board& board);
-// Parses one fault description ("drop-edge:nth=5:count=1"); false when invalid.
-bool parse_fault(const std::string& text, Fault& fault);
 // Writes the kept ground truth as CSV to PELMOR_VBOARD_TRUTH_FILE, if set.
 void write_truth_file();
 

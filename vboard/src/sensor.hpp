@@ -9,35 +9,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "sensor/registers.hpp"
+
 namespace pelmor_vboard::detail {
 
-namespace reg {
-inline constexpr std::uint8_t device_config = 0x11;
-inline constexpr std::uint8_t int_config = 0x14;
-inline constexpr std::uint8_t fifo_config = 0x16;
-inline constexpr std::uint8_t temp_data1 = 0x1D;
-inline constexpr std::uint8_t int_status = 0x2D;
-inline constexpr std::uint8_t fifo_counth = 0x2E;
-inline constexpr std::uint8_t fifo_countl = 0x2F;
-inline constexpr std::uint8_t fifo_data = 0x30;
-inline constexpr std::uint8_t signal_path_reset = 0x4B;
-inline constexpr std::uint8_t intf_config0 = 0x4C;
-inline constexpr std::uint8_t pwr_mgmt0 = 0x4E;
-inline constexpr std::uint8_t gyro_config0 = 0x4F;
-inline constexpr std::uint8_t accel_config0 = 0x50;
-inline constexpr std::uint8_t tmst_config = 0x54;
-inline constexpr std::uint8_t fifo_config1 = 0x5F;
-inline constexpr std::uint8_t int_config0 = 0x63;
-inline constexpr std::uint8_t int_config1 = 0x64;
-inline constexpr std::uint8_t int_source0 = 0x65;
-inline constexpr std::uint8_t fifo_lost_pkt0 = 0x6C;
-inline constexpr std::uint8_t fifo_lost_pkt1 = 0x6D;
-inline constexpr std::uint8_t who_am_i = 0x75;
-inline constexpr std::uint8_t reg_bank_sel = 0x76;
-inline constexpr std::uint8_t tmstval0 = 0x62;  // bank 1
-}  // namespace reg
+namespace reg = pelmor_lusk::icm42688;
 
-inline constexpr int bank_count = 5;
+inline constexpr int bank_count = reg::REG_BANK_COUNT;
 
 // Output data rate in Hz of an ODR code; 0 for a reserved code.
 double odr_hz(std::uint8_t code);
@@ -63,10 +41,14 @@ class Sensor {
  public:
   void power_on(std::uint8_t who_am_i_value, std::size_t fifo_capacity);
 
-  std::uint8_t bank() const { return static_cast<std::uint8_t>(banks_[0][reg::reg_bank_sel] & 0x07); }
+  std::uint8_t bank() const { return static_cast<std::uint8_t>(banks_[0][reg::REG_BANK_SEL] & reg::REG_BANK_SEL_MASK); }
   std::uint8_t peek(int bank_index, std::uint8_t address) const;
-  std::uint8_t& raw(int bank_index, std::uint8_t address) { return banks_[static_cast<std::size_t>(bank_index)][address & 0x7F]; }
-  const std::array<std::uint8_t, 128>& bank_array(int bank_index) const { return banks_[static_cast<std::size_t>(bank_index)]; }
+  std::uint8_t& raw(int bank_index, std::uint8_t address) {
+    return banks_[static_cast<std::size_t>(bank_index)][address & reg::SPI_ADDRESS_MASK];
+  }
+  const std::array<std::uint8_t, 128>& bank_array(int bank_index) const {
+    return banks_[static_cast<std::size_t>(bank_index)];
+  }
 
   // A register read with its side effects (FIFO pop, count latch, clear on read).
   std::uint8_t read(std::uint8_t address, ByteEffects& effects);
@@ -76,13 +58,17 @@ class Sensor {
   void set_tmstval(std::uint32_t value);
   // 20-bit counter value presented for a given unwrapped tick count.
   std::uint32_t counter_value(std::uint64_t ticks) const;
-  bool tmst_enabled() const { return (banks_[0][reg::tmst_config] & 0x01) != 0; }
-  bool tmst_to_regs() const { return (banks_[0][reg::tmst_config] & 0x10) != 0; }
+  bool tmst_enabled() const { return (banks_[0][reg::TMST_CONFIG] & reg::TMST_CONFIG_EN) != 0; }
+  bool tmst_to_regs() const { return (banks_[0][reg::TMST_CONFIG] & reg::TMST_CONFIG_TO_REGS_EN) != 0; }
 
   // Sampling as PWR_MGMT0 and the ODR fields select it; period 0 when idle.
   double sample_period_ticks() const;
-  bool gyro_on() const { return ((banks_[0][reg::pwr_mgmt0] >> 2) & 0x03) == 0x03; }
-  bool accel_on() const { return (banks_[0][reg::pwr_mgmt0] & 0x03) >= 0x02; }
+  bool gyro_on() const {
+    return (banks_[0][reg::PWR_MGMT0] & reg::PWR_MGMT0_GYRO_MODE_MASK) == reg::PWR_MGMT0_GYRO_LOW_NOISE;
+  }
+  bool accel_on() const {
+    return (banks_[0][reg::PWR_MGMT0] & reg::PWR_MGMT0_ACCEL_MODE_MASK) >= reg::PWR_MGMT0_ACCEL_LOW_POWER;
+  }
   // Counts per g and per deg/s at the configured full scale.
   double accel_counts_per_g() const;
   double gyro_counts_per_dps() const;
@@ -93,10 +79,12 @@ class Sensor {
   bool store_sample(const SampleCounts& sample, bool append_to_fifo, std::uint64_t& lost);
   void flush_fifo();
   std::size_t fifo_level() const { return fifo_size_; }
-  bool data_ready_routed() const { return (banks_[0][reg::int_source0] & 0x08) != 0; }
-  bool int1_active_high() const { return (banks_[0][reg::int_config] & 0x01) != 0; }
-  bool int1_latched() const { return (banks_[0][reg::int_config] & 0x04) != 0; }
-  std::uint64_t int1_pulse_ns() const { return (banks_[0][reg::int_config1] & 0x40) != 0 ? 8000 : 100000; }
+  bool data_ready_routed() const { return (banks_[0][reg::INT_SOURCE0] & reg::INT_SOURCE0_UI_DRDY_INT1_EN) != 0; }
+  bool int1_active_high() const { return (banks_[0][reg::INT_CONFIG] & reg::INT_CONFIG_INT1_ACTIVE_HIGH) != 0; }
+  bool int1_latched() const { return (banks_[0][reg::INT_CONFIG] & reg::INT_CONFIG_INT1_LATCHED) != 0; }
+  std::uint64_t int1_pulse_ns() const {
+    return (banks_[0][reg::INT_CONFIG1] & reg::INT_CONFIG1_TPULSE_8US) != 0 ? 8000 : 100000;
+  }
 
  private:
   std::uint16_t fifo_count_value() const;
