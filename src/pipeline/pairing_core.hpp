@@ -101,8 +101,8 @@ class PairingCore {
   void count_batch_failure() noexcept { counters_.batch_failures += 1; }
 
   // --- Arming ---
-  void discard_pending_events() noexcept { pending_.clear(); }
-  // Forgets the step reference, the boundary and the phase convergence.
+  // Forgets the pending events, the step reference, the boundary and the phase
+  // convergence.
   void begin_arm() noexcept;
   void set_runtime_boundary(const ArmBoundaryReport& arm) noexcept;
   // The FIFO streams from the anchor at anchor_tick; a short first step is allowed.

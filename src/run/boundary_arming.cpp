@@ -34,7 +34,6 @@ void Run::arm_boundary() {
   // The boundary edge and anything behind it announce samples the FIFO never took.
   line_->drain();
   line_->forget_last_sequence();
-  core_.discard_pending_events();
 
   anchor_boundary("failed to refresh TMST to RAW anchor map at FIFO/GPIO boundary: ");
 }

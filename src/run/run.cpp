@@ -32,7 +32,6 @@ void Run::log_bridge_summaries() const {
 }
 
 GpioDrainStats Run::quiesce(Quiesce mode) {
-  core_.discard_pending_events();
   GpioDrainStats drained;
   auto step = [mode](auto&& action) {
     if (mode == Quiesce::strict) {

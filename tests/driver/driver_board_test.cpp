@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <string>
 #include <thread>
 
@@ -115,6 +116,10 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
   const auto summaries = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final ");
   ASSERT_EQ(summaries.size(), 1U) << log;
   EXPECT_EQ(lines_starting_with(log, "GPIO395 bridge metrics: events=").size(), 1U) << log;
+  // A run whose bridge never refused an edge has an empty trace, and prints none.
+  if (GetParam().profile == vb::Profile::ideal) {
+    EXPECT_TRUE(lines_starting_with(log, "GPIO395 bridge trace").empty()) << log;
+  }
   EXPECT_TRUE(lines_starting_with(log, "imu worker fatal").empty()) << log;
 
   std::int32_t status = 0;
@@ -134,6 +139,48 @@ INSTANTIATE_TEST_SUITE_P(Rates, FullRun,
                            return std::to_string(param_info.param.rate_hz) + "Hz_" +
                                   (param_info.param.profile == vb::Profile::ideal ? "ideal" : "realistic");
                          });
+
+// The register writes of the last start from the end of its configuration to
+// the FIFO streaming, "S" for a run of timestamp snapshots: quiet down, low
+// noise, the anchor map, then the boundary arm with its own quiet down.
+std::string start_write_trace(const std::vector<vb::SpiMessageRecord>& log) {
+  std::string trace;
+  int sample_off_writes = 0;
+  for (const vb::SpiMessageRecord& m : log) {
+    if (m.kind == vb::SpiMessageKind::tmst_snapshot) {
+      if (sample_off_writes == 2 && trace.compare(trace.size() - 2, 2, "S ") != 0) trace += "S ";
+      continue;
+    }
+    for (const vb::RegisterWrite& w : m.writes) {
+      if (w.reg == 0x11 && w.value == 0x01) {  // soft reset: a (re)started configuration
+        sample_off_writes = 0;
+        trace.clear();
+      }
+      if (w.reg == 0x4E && w.value == 0x00) ++sample_off_writes;
+      if (sample_off_writes < 2 || w.reg == 0x76) continue;
+      char text[16];
+      std::snprintf(text, sizeof text, "%02x=%02x ", w.reg, w.value);
+      trace += text;
+      if (w.reg == 0x16 && w.value == 0x40) return trace;
+    }
+  }
+  return trace;
+}
+
+TEST(StartSequence, QuietsDownBuildsTheMapThenArmsTheBoundary) {
+  vb::Config config = vb::Config::ideal();
+  config.spi_log_capacity = 8192;
+  vb::reset(config);
+  BoardClient client(25);
+  testing::internal::CaptureStderr();
+  const std::int32_t status = pelmor_test::start_on_board(client.handle);
+  pelmor_stop(client.handle);
+  const std::string log = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(status, PELMOR_OK) << log;
+  EXPECT_EQ(start_write_trace(vb::spi_log()),
+            "4e=00 65=00 16=00 4b=02 4e=0f S 65=00 16=00 4b=02 65=08 S 16=40 ")
+      << log;
+}
 
 TEST(Lifecycle, SecondStartWhileRunningIsRefusedWithoutDisturbingTheRun) {
   vb::reset(vb::Config::ideal());

@@ -176,7 +176,7 @@ TEST(PairingCoreEvents, SequenceGapAsksForResyncAndCountsABoundaryResync) {
   EXPECT_EQ(s.core.pending_events(), 3U);  // the gap edge is never queued
   EXPECT_EQ(s.core.counters().boundary_resyncs, 1U);
 
-  s.core.discard_pending_events();
+  s.core.begin_arm();
   ASSERT_TRUE(s.admit(gap));
   EXPECT_EQ(s.resyncs.back().discarded_gpio_events_pre_recovery, 1U);
   EXPECT_EQ(s.core.counters().boundary_resyncs, 2U);

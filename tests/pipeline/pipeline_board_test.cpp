@@ -3,6 +3,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -277,6 +278,43 @@ TEST(StretchedSnapshots, ExhaustedResyncEndsTheWorker) {
   const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
   ASSERT_EQ(summary.size(), 1U);
   EXPECT_TRUE(contains(summary[0], " resync_failures=1 ")) << summary[0];
+}
+
+TEST(FifoReadFailure, EndsTheWorkerAndCountsABatchFailure) {
+  FaultRun run(25);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+  vb::fail_spi_message(vb::SpiMessageKind::fifo_data_read, EIO, vb::Trigger::once());
+  ASSERT_TRUE(run.client.wait_until_stopped(10s));
+  const std::string log = run.finish();
+  const auto fatal = lines_starting_with(log, "imu worker fatal: ");
+  ASSERT_EQ(fatal.size(), 1U) << log;
+  EXPECT_EQ(fatal[0], "imu worker fatal: failed to read SPI registers, errno=5 (Input/output error)");
+  EXPECT_EQ(health_of(run.client.handle).batch_failures, 1U);
+}
+
+TEST(ResyncFailure, OnlyAStretchedSnapshotIsWorthAnotherReArm) {
+  FaultRun run(25);
+  ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+  ASSERT_TRUE(run.client.wait_for_samples(3, 10s));
+  // Every register write fails from here on: the re-arm cannot quiet the sensor,
+  // and no fresh snapshot would change that.
+  const vb::FaultId writes = vb::fail_spi_message(vb::SpiMessageKind::register_write, EIO, vb::Trigger::from());
+  vb::drop_edges(vb::Trigger::once());
+  ASSERT_TRUE(run.client.wait_until_stopped(10s));
+  const std::string log = run.finish();
+  // The re-arm's quiet down stops at its first write; the one after the failure
+  // tries data ready, FIFO bypass and flush whatever fails.
+  EXPECT_EQ(vb::fault_hits(writes), 4U);
+  EXPECT_TRUE(lines_starting_with(log, "TIMING_BOUNDARY_RESYNC_RETRY ").empty()) << log;
+  const auto fatal = lines_starting_with(log, "imu worker fatal: ");
+  ASSERT_EQ(fatal.size(), 1U) << log;
+  EXPECT_EQ(fatal[0].rfind("imu worker fatal: GPIO395 line event sequence gap: resync failed: failed to write SPI "
+                           "register, errno=5 (Input/output error), recovery_reason=gpio_sequence_gap, ",
+                           0),
+            0U)
+      << fatal[0];
+  EXPECT_TRUE(contains(fatal[0], ", recovery_attempts=1")) << fatal[0];
 }
 
 std::size_t snapshot_messages(const std::vector<vb::SpiMessageRecord>& log) {
