@@ -206,6 +206,7 @@ struct StartFault {
   const char* name;
   void (*inject)();
   const char* line_prefix;
+  bool saw_edges = false;  // the INT1 line had read edges when the start failed
 };
 
 class StartFailure : public testing::TestWithParam<StartFault> {};
@@ -230,6 +231,9 @@ TEST_P(StartFailure, LeavesTheDriverStoppedWithNothingOpenAndALaterStartWorks) {
   read_health(client.handle, &health_status);
   EXPECT_EQ(health_status, PELMOR_ERR_INVALID_STATE);
   EXPECT_TRUE(lines_starting_with(log, "TIMING_DROP_SUMMARY").empty()) << log;
+  // The line's bridge metrics are reported once it has read edges.
+  EXPECT_EQ(lines_starting_with(log, "GPIO395 bridge metrics: events=").size(), fault.saw_edges ? 1U : 0U)
+      << log;
 
   vb::clear_faults();
   vb::set_spidev_present(true);
@@ -243,6 +247,14 @@ TEST_P(StartFailure, LeavesTheDriverStoppedWithNothingOpenAndALaterStartWorks) {
   const pelmor_runtime_health health = read_health(client.handle, &health_status);
   EXPECT_EQ(health_status, PELMOR_OK);
   EXPECT_GE(health.epoch, 1U);
+
+  // A failed start withdraws the record of the run before it.
+  fault.inject();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(pelmor_start(client.handle), PELMOR_ERR_IO);
+  testing::internal::GetCapturedStderr();
+  read_health(client.handle, &health_status);
+  EXPECT_EQ(health_status, PELMOR_ERR_INVALID_STATE);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -267,7 +279,11 @@ INSTANTIATE_TEST_SUITE_P(
                    [] { vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger::from()); },
                    "failed to establish TMST to RAW anchor map after 16 attempts, accepted=0: reason=anchor_window_too_wide"},
         StartFault{"boundary_edge", [] { vb::suppress_edges(vb::Trigger::from()); },
-                   "GPIO395 boundary event not observed before FIFO arm"}),
+                   "GPIO395 boundary event not observed before FIFO arm"},
+        // Seven snapshots establish the map on a quiet board; the boundary's are stretched.
+        StartFault{"boundary_anchor",
+                   [] { vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 300000, vb::Trigger::from(8)); },
+                   "failed to refresh TMST to RAW anchor map at FIFO/GPIO boundary: reason=anchor_window_too_wide", true}),
     [](const testing::TestParamInfo<StartFault>& param_info) { return std::string(param_info.param.name); });
 
 TEST(Lifecycle, DestroyWhileRunningStopsAndFrees) {

@@ -6,6 +6,7 @@
 #include "pipeline/pending_event_queue.hpp"
 #include "pipeline/resync_report.hpp"
 #include "pipeline/arm_report.hpp"
+#include "pipeline/boundary_wait.hpp"
 
 namespace pelmor_lusk {
 namespace {
@@ -124,6 +125,39 @@ TEST(ResyncReport, RetrySuccessAndFailureLines) {
   EXPECT_EQ(format_resync_failure_message("M", "boom", recovery_gpio_queue_overflow, 6, 129, 3),
             "M: resync failed: boom, recovery_reason=gpio_queue_overflow, discarded_fifo_samples=6, "
             "discarded_gpio_events_pre_recovery=129, recovery_attempts=3");
+}
+
+TEST(BoundaryWait, AnEdgeJustBeforeTheArmCountsWithinItsOwnUncertainty) {
+  const std::uint64_t start = 5'000'000'000;
+  BridgedEvent e;
+  e.half_window_ns = 3000;
+  e.raw_ns = start + 10;
+  EXPECT_TRUE(is_fresh_boundary_event(e, start));
+  e.raw_ns = start;
+  EXPECT_TRUE(is_fresh_boundary_event(e, start));
+  e.raw_ns = start - 3000;  // accepted, with a negative age
+  EXPECT_TRUE(is_fresh_boundary_event(e, start));
+  e.raw_ns = start - 3001;
+  EXPECT_FALSE(is_fresh_boundary_event(e, start));
+  e.raw_ns = start - 200'000;  // an edge of the stale drain
+  EXPECT_FALSE(is_fresh_boundary_event(e, start));
+
+  ArmBoundaryReport report;
+  report.arm_start_raw_ns = start;
+  e.raw_ns = start - 3000;
+  report.take_boundary(e);
+  EXPECT_EQ(report.arm_boundary_age_ns, -3000);
+}
+
+TEST(BoundaryWait, EachWaitRunsToTheDeadlineRoundedUpToWholeMilliseconds) {
+  const std::uint64_t start = 5'000'000'000;
+  EXPECT_EQ(boundary_wait_timeout_ms(start, start), 100);
+  EXPECT_EQ(boundary_wait_timeout_ms(start, start + 1), 100);
+  EXPECT_EQ(boundary_wait_timeout_ms(start, start + 1'000'000), 99);
+  EXPECT_EQ(boundary_wait_timeout_ms(start, start + 99'000'001), 1);
+  EXPECT_EQ(boundary_wait_timeout_ms(start, start + 99'999'999), 1);
+  EXPECT_EQ(format_boundary_timeout_message(start),
+            "fresh GPIO395 boundary event not observed before FIFO arm: arm_start_raw_ns=5000000000, timeout_ms=100");
 }
 
 }  // namespace
