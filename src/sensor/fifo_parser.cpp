@@ -69,7 +69,6 @@ FifoPacket decode_fifo_packet(std::span<const std::uint8_t, 16> p) {
 
 void parse_fifo_packets(std::span<const std::uint8_t> bytes, FifoBatch& batch) {
   constexpr std::size_t packet_size = icm42688::FIFO_PACKET_ACCEL_GYRO_TMST;
-  batch.packets.reserve(bytes.size() / packet_size);
   try {
     std::size_t offset = 0;
     while (offset < bytes.size()) {
