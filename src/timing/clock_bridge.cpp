@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 
@@ -128,11 +129,19 @@ std::string format_bridge_metrics(const BridgeMetrics& m) {
   return out.str();
 }
 
+namespace {
+
+std::span<const BridgeTraceEntry> stored_entries(const BridgeTrace& trace) {
+  const auto stored = static_cast<std::size_t>(std::min<std::uint64_t>(trace.trace_stored, bridge_trace_capacity));
+  return std::span<const BridgeTraceEntry>(trace.entries).first(stored);
+}
+
+}  // namespace
+
 std::string format_bridge_trace_summary(const BridgeTrace& trace) {
   std::uint64_t max_read_elapsed = 0;
   std::uint64_t max_half_window = 0;
-  for (std::uint64_t i = 0; i < trace.trace_stored && i < bridge_trace_capacity; ++i) {
-    const BridgeTraceEntry& e = trace.entries[static_cast<std::size_t>(i)];
+  for (const BridgeTraceEntry& e : stored_entries(trace)) {
     max_read_elapsed = std::max(max_read_elapsed, e.read_elapsed_ns);
     max_half_window = std::max(max_half_window, e.bridge_half_window_ns);
   }
@@ -166,9 +175,8 @@ void log_bridge_metrics(const BridgeMetrics& metrics) {
 
 void log_bridge_trace(const BridgeTrace& trace) {
   write_diagnostic_line(format_bridge_trace_summary(trace));
-  for (std::uint64_t i = 0; i < trace.trace_stored && i < bridge_trace_capacity; ++i) {
-    write_diagnostic_line(format_bridge_trace_entry(i, trace.entries[static_cast<std::size_t>(i)]));
-  }
+  std::uint64_t index = 0;
+  for (const BridgeTraceEntry& e : stored_entries(trace)) write_diagnostic_line(format_bridge_trace_entry(index++, e));
 }
 
 }  // namespace pelmor_lusk

@@ -1,5 +1,6 @@
 #include "timing/tmst_mapping.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 
@@ -14,8 +15,6 @@ std::uint64_t saturating_add(std::uint64_t a, std::uint64_t b) {
 
 // Largest total' whose "+ quantization" step still fits: 2^64 - 1 - 1000.
 constexpr std::uint64_t max_total_with_measurement = UINT64_MAX - tmst_quantization_ns;
-// total' + 1999 must stay below this for the microsecond count to be reported.
-constexpr std::uint64_t uncertainty_us_ceiling_ns = 4294967295000ULL;
 
 }  // namespace
 
@@ -49,10 +48,9 @@ TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::u
     return m;
   }
   m.valid = with_measurement + tmst_quantization_ns <= mapping_uncertainty_gate_ns;
-  // (total' + 1000) rounded up to whole microseconds.
-  m.uncertainty_us = with_measurement < uncertainty_us_ceiling_ns - 1999
-                         ? static_cast<std::uint32_t>((with_measurement + 1999) / 1000)
-                         : UINT32_MAX;
+  // (total' + 1000) rounded up to whole microseconds, saturated.
+  const std::uint64_t rounded_us = with_measurement / 1000 + (with_measurement % 1000 != 0 ? 1 : 0) + 1;
+  m.uncertainty_us = static_cast<std::uint32_t>(std::min<std::uint64_t>(rounded_us, UINT32_MAX));
   return m;
 }
 
