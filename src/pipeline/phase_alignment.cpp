@@ -12,7 +12,7 @@ constexpr std::int64_t i64_max = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t i64_min = std::numeric_limits<std::int64_t>::min();
 
 std::int64_t saturate_i64(std::uint64_t value) noexcept {
-  return value > static_cast<std::uint64_t>(i64_max) ? i64_max : static_cast<std::int64_t>(value);
+  return static_cast<std::int64_t>(std::min(value, static_cast<std::uint64_t>(i64_max)));
 }
 
 std::int64_t saturating_sub(std::int64_t a, std::int64_t b) noexcept {
