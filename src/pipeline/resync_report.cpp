@@ -35,7 +35,6 @@ std::string format_resync_report(const ResyncReportInput& input, const PendingEv
   const BridgedEvent* trigger = input.trigger;
 
   std::string out(input.message);
-  out.reserve(out.size() + 900);
   out += ": recovery_reason=";
   out += recovery_reason_name(input.reason);
   add(out, ", discarded_fifo_samples=", std::uint64_t{input.discarded_fifo_samples});

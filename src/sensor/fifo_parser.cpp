@@ -99,7 +99,6 @@ void parse_fifo_packets(std::span<const std::uint8_t> bytes, FifoBatch& batch) {
 
 std::string format_fifo_batch_diagnostic(const FifoBatch& batch) {
   std::string text;
-  text.reserve(320);
   text += "fifo_byte_count=" + std::to_string(batch.fifo_byte_count);
   text += ", accepted_packet_count=" + std::to_string(batch.accepted_packet_count);
   text += ", first_packet_header=" + hex(batch.first_packet_header);

@@ -22,7 +22,6 @@ void GpioDrainStats::add(const BridgedEvent& event) noexcept {
 std::string format_gpio_drain_stats(std::string_view prefix, const GpioDrainStats& stats) {
   const std::string p(prefix);
   std::string out;
-  out.reserve(7 * (p.size() + 32));
   out += p + "_events=" + std::to_string(stats.events);
   out += ", " + p + "_first_line_seqno=" + std::to_string(stats.first_line_seqno);
   out += ", " + p + "_last_line_seqno=" + std::to_string(stats.last_line_seqno);

@@ -100,7 +100,6 @@ MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMa
 std::string format_mapping_diagnostic(const TmstMapping& mapping, const TmstFit& fit, std::uint64_t tick,
                                       std::uint64_t measurement_uncertainty_ns, std::uint64_t gpio_delivery_age_ns) {
   std::string out;
-  out.reserve(384);
   out += "fifo_tmst_tick=" + std::to_string(tick);
   out += ", measurement_uncertainty_ns=" + std::to_string(measurement_uncertainty_ns);
   out += ", gpio_delivery_age_ns=" + std::to_string(gpio_delivery_age_ns);

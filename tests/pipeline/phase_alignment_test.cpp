@@ -54,8 +54,11 @@ TEST(PhaseDecision, Texts) {
 
 struct MismatchRig {
   MismatchRig() {
-    queue.push_back(BridgedEvent{});
-    queue.push_back(BridgedEvent{});
+    BridgedEvent e;
+    e.line_seqno = 41;
+    queue.push_back(e);
+    e.line_seqno = 42;
+    queue.push_back(e);
     ctx.event = &queue.front();
     ctx.resume = {true, true, 4242, 5000, 0};
   }
@@ -85,6 +88,7 @@ TEST(PhaseMismatch, DropSampleKeepsEventDropEventPopsIt) {
   EXPECT_EQ(rig.counters.startup_phase_drops, 1U);
   EXPECT_EQ(rig.reference.reference_tick, 4242U);
   EXPECT_EQ(err.rfind("FIFO/GPIO phase timing sample dropped: action=drop_sample", 0), 0U);
+  EXPECT_NE(err.find(", event_line_seqno=41, "), std::string::npos) << err;
   EXPECT_NE(err.find("discards=1, drop_stage=startup, mapper_failure_count=1\n"), std::string::npos);
 
   rig.state.on_accept();

@@ -96,6 +96,13 @@ TEST(TmstFit, KeepsFullPrecisionNearTheTopOfTheRange) {
 }
 
 TEST(TmstFit, PastWarmUpABreakingAnchorIsUndoneUnlessTheWindowWasFull) {
+  // Warm-up ends with the fourth anchor once the span reaches 10000 ticks: from
+  // then on a breaking anchor is undone, even when it is the one that makes the span.
+  TmstMapper short_span;
+  for (std::uint64_t tick = 0; tick <= 7500; tick += 2500) short_span.add_anchor(ideal(tick), 50000);
+  EXPECT_FALSE(short_span.add_anchor(anchor(10000, base_raw_ns + 10'300'000), 50000));
+  EXPECT_EQ(short_span.anchor_count, 4U);
+
   TmstMapper m = ideal_mapper(8);
   EXPECT_FALSE(m.add_anchor(anchor(80000, base_raw_ns + 80'100'000), 50000));
   EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
