@@ -29,21 +29,20 @@ void Driver::Impl::run_worker(Run* run) noexcept {
     // Reporting the scheduling must not keep the worker from running.
   }
 
+  std::string fatal;
   try {
     run->stream();
+    return;
   } catch (const std::exception& error) {
-    try {
-      write_diagnostic_line(std::string("imu worker fatal: ") + error.what());
-    } catch (...) {
-    }
-    running_.store(false);
+    fatal = error.what();
   } catch (...) {
-    try {
-      write_diagnostic_line("imu worker fatal: unknown exception");
-    } catch (...) {
-    }
-    running_.store(false);
+    fatal = "unknown exception";
   }
+  try {
+    write_diagnostic_line("imu worker fatal: " + fatal);
+  } catch (...) {
+  }
+  running_.store(false);
 }
 
 }  // namespace pelmor_lusk

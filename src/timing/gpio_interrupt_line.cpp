@@ -95,7 +95,6 @@ void apply_line_sequence(LineSequenceState& state, std::uint32_t line_seqno, Bri
 void GpioInterruptLine::open_interrupt_line() {
   trace_ = BridgeTrace{};
   metrics_ = BridgeMetrics{};
-  close();
   sequence_ = LineSequenceState{};
 
   chip_fd_ = find_gpio_chip();

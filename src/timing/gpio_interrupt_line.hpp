@@ -35,7 +35,7 @@ class GpioInterruptLine {
   GpioInterruptLine(const GpioInterruptLine&) = delete;
   GpioInterruptLine& operator=(const GpioInterruptLine&) = delete;
 
-  // Resets everything, then finds the chip under /dev and requests the line.
+  // Finds the chip under /dev and requests the line, with fresh metrics and trace.
   void open_interrupt_line();
 
   // Waits up to timeout_ms (0 = just look) for one edge. True when a rising edge

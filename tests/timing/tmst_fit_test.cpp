@@ -82,6 +82,13 @@ TEST(TmstFit, EachGateOfTheFitNamesItsReason) {
   EXPECT_STREQ(fit_reject_reason_name(12), "unknown");
 }
 
+TEST(TmstFit, APredictionOfExactlyZeroIsInRange) {
+  // The counter's zero latched at RAW zero, with exact brackets.
+  TmstMapper m;
+  for (std::uint64_t tick = 0; tick <= 30000; tick += 10000) m.add_anchor(TmstAnchor{tick, tick * 1000, tick * 1000}, 50000);
+  EXPECT_TRUE(m.fit.valid) << format_fit_diagnostic(m.last_rejected);
+}
+
 TEST(TmstFit, KeepsFullPrecisionNearTheTopOfTheRange) {
   // Midpoints near 1.8e19 ns: in double each would be off by up to 1 us.
   const std::uint64_t base = 18'000'000'000'000'000'000ULL;
