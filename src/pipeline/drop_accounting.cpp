@@ -68,7 +68,7 @@ std::string format_timing_drop_summary(const TimingDropCounters& c, std::string_
     out += '=';
     out += std::to_string(e.value);
   }
-  const std::uint32_t suppressed = c.total_drops > c.detailed_logs ? c.total_drops - c.detailed_logs : 0;
+  const std::uint32_t suppressed = c.total_drops - std::min(c.total_drops, c.detailed_logs);
   out += " suppressed_logs=" + std::to_string(suppressed);
   out += " mapper_failure_count=" + std::to_string(c.total_drops);
   return out;
