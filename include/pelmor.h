@@ -93,11 +93,14 @@ typedef struct pelmor_runtime_health {
 /* Opaque driver instance. */
 typedef struct pelmor_driver* pelmor_handle;
 
-/* Called on the driver's real-time worker thread once per sample. It may call
+/* Called on the driver's real-time worker thread once per sample. From it,
  * pelmor_set_callback, pelmor_is_running, pelmor_get_version and
- * pelmor_status_message; it must not call pelmor_stop or pelmor_destroy. If it
- * is C++ and throws, the exception is caught, reported on stderr and the
- * callback is disabled until pelmor_set_callback is called again. */
+ * pelmor_status_message work as anywhere else; pelmor_start, pelmor_stop and
+ * pelmor_get_runtime_health return PELMOR_ERR_INVALID_STATE at once and change
+ * nothing; pelmor_destroy does nothing (the handle stays valid). None of them
+ * can block on the driver, whatever other threads are doing. If it is C++ and
+ * throws, the exception is caught, reported on stderr and the callback is
+ * disabled until pelmor_set_callback is called again. */
 typedef void (*pelmor_sample_callback)(const pelmor_sample* sample, void* user_data);
 
 /* ---- Functions --------------------------------------------------------- */
@@ -113,20 +116,24 @@ int32_t pelmor_create(const pelmor_config* config, pelmor_handle* out_handle);
 /* Opens and configures the sensor and the interrupt line, anchors the sensor
  * clock and starts the worker thread. Legal when stopped.
  * Returns PELMOR_OK; PELMOR_ERR_INVALID_ARGUMENT for a NULL handle;
- * PELMOR_ERR_INVALID_STATE when already running; PELMOR_ERR_IO or
+ * PELMOR_ERR_INVALID_STATE when already running or called from the callback;
+ * PELMOR_ERR_IO or
  * PELMOR_ERR_INTERNAL when starting failed, after one line
  * "ICM-42688 start failed: <reason>" on stderr. A failed start leaves the
  * handle stopped and reusable. */
 int32_t pelmor_start(pelmor_handle handle);
 
 /* Stops the worker, writes the run's summary lines to stderr, records the
- * health snapshot and closes the devices. Legal in every state (idempotent).
- * Must not be called from the callback. Returns PELMOR_OK,
- * PELMOR_ERR_INVALID_ARGUMENT for a NULL handle, or PELMOR_ERR_IO. */
+ * health snapshot and closes the devices. Legal in every state (idempotent);
+ * returns within a pairing or boundary wait (at most 100 ms) plus the closing
+ * lines. Returns PELMOR_OK, PELMOR_ERR_INVALID_ARGUMENT for a NULL handle,
+ * PELMOR_ERR_INVALID_STATE from the callback (nothing stopped), or
+ * PELMOR_ERR_IO. */
 int32_t pelmor_stop(pelmor_handle handle);
 
-/* Stops the driver if needed and frees it. NULL is ignored. Must not run
- * concurrently with another call on the same handle, nor from the callback. */
+/* Stops the driver if needed and frees it. NULL is ignored, and so is a call
+ * from the callback. Must not run concurrently with another call on the same
+ * handle. */
 void pelmor_destroy(pelmor_handle handle);
 
 /* Sets (or with callback == NULL clears) the sample callback and its user
@@ -149,9 +156,9 @@ const char* pelmor_status_message(int32_t status);
 /* Copies the health record of the last finished run into *out. out->struct_size
  * must be 48 on entry. Returns PELMOR_OK; PELMOR_ERR_INVALID_ARGUMENT for NULL
  * pointers or a wrong struct_size (nothing written); PELMOR_ERR_INVALID_STATE
- * while running, before the first stop that ended a run, after a failed start,
- * or while a dead worker's run has not been closed by pelmor_stop (out
- * untouched). Since version node PELMOR_LUSK_2.1. */
+ * while running (so always from the callback), before the first stop that
+ * ended a run, after a failed start, or while a dead worker's run has not been
+ * closed by pelmor_stop (out untouched). Since version node PELMOR_LUSK_2.1. */
 int32_t pelmor_get_runtime_health(pelmor_handle handle, pelmor_runtime_health* out);
 
 /* ---- Layout checks ----------------------------------------------------- */

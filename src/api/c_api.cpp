@@ -55,7 +55,7 @@ int32_t pelmor_create(const pelmor_config* config, pelmor_handle* out_handle) {
 
 int32_t pelmor_start(pelmor_handle handle) {
   if (handle == nullptr) return PELMOR_ERR_INVALID_ARGUMENT;
-  if (handle->impl->is_running()) return PELMOR_ERR_INVALID_STATE;
+  if (handle->impl->is_running() || handle->impl->on_worker_thread()) return PELMOR_ERR_INVALID_STATE;
   try {
     handle->impl->start();
     return PELMOR_OK;
@@ -76,6 +76,7 @@ int32_t pelmor_start(pelmor_handle handle) {
 
 int32_t pelmor_stop(pelmor_handle handle) {
   if (handle == nullptr) return PELMOR_ERR_INVALID_ARGUMENT;
+  if (handle->impl->on_worker_thread()) return PELMOR_ERR_INVALID_STATE;  // it would wait for itself
   try {
     handle->impl->stop();
     return PELMOR_OK;
@@ -85,7 +86,7 @@ int32_t pelmor_stop(pelmor_handle handle) {
 }
 
 void pelmor_destroy(pelmor_handle handle) {
-  if (handle == nullptr) return;
+  if (handle == nullptr || handle->impl->on_worker_thread()) return;
   try {
     handle->impl->stop();
   } catch (...) {

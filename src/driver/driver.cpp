@@ -50,6 +50,7 @@ void Driver::Impl::deliver(const ImuSample& sample) {
 }
 
 std::int32_t Driver::Impl::copy_health_snapshot(pelmor_runtime_health& out) {
+  if (on_worker_thread()) return PELMOR_ERR_INVALID_STATE;  // the run is still open
   pelmor_runtime_health copy{};
   {
     std::lock_guard<std::mutex> lock(driver_mutex_);

@@ -38,6 +38,11 @@ class Driver::Impl final : private SampleSink {
 
   bool is_running() const noexcept { return running_.load(); }
 
+  // True on the worker thread, which is where the callback runs: start, stop,
+  // destroy and the health record are refused there, since each of them waits
+  // for the worker or for a thread that does.
+  bool on_worker_thread() const noexcept { return worker_id_.load() == std::this_thread::get_id(); }
+
   // PELMOR_OK with the last finished run's record, or PELMOR_ERR_INVALID_STATE.
   // A failure to lock propagates.
   std::int32_t copy_health_snapshot(pelmor_runtime_health& out);
@@ -51,6 +56,7 @@ class Driver::Impl final : private SampleSink {
  private:
   void deliver(const ImuSample& sample) override;
   void run_worker(Run* run) noexcept;
+  void stream_until_stopped(Run& run) noexcept;
   void close_epoch();
 
   const std::uint32_t sample_rate_;
@@ -61,6 +67,7 @@ class Driver::Impl final : private SampleSink {
   std::atomic<bool> running_{false};
   std::unique_ptr<Run> run_;  // from a successful start until its epoch closes
   std::thread worker_;
+  std::atomic<std::thread::id> worker_id_{};
 
   std::mutex callback_mutex_;
   SampleCallback callback_slot_;

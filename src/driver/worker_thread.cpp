@@ -13,6 +13,12 @@
 namespace pelmor_lusk {
 
 void Driver::Impl::run_worker(Run* run) noexcept {
+  worker_id_.store(std::this_thread::get_id());
+  stream_until_stopped(*run);
+  worker_id_.store(std::thread::id{});
+}
+
+void Driver::Impl::stream_until_stopped(Run& run) noexcept {
   try {
     errno = 0;
     sched_param requested{};
@@ -31,7 +37,7 @@ void Driver::Impl::run_worker(Run* run) noexcept {
 
   std::string fatal;
   try {
-    run->stream();
+    run.stream();
     return;
   } catch (const std::exception& error) {
     fatal = error.what();

@@ -12,6 +12,8 @@ constexpr int first_event_timeout_ms = 100;
 }  // namespace
 
 void Run::stream() {
+  plain_source_.give_up_when_stopped(running_);
+  restoring_source_.give_up_when_stopped(running_);
   BridgedEvent event;
   while (running_.load()) {
     if (!line_->read_line_event(event, first_event_timeout_ms)) continue;
@@ -61,6 +63,7 @@ bool Run::gather_events(const FifoBatch& batch, std::uint32_t remaining_samples)
     if (!admit(incoming, &batch, remaining_samples)) return false;
   }
   while (core_.short_of_events(remaining_samples)) {
+    if (!running_.load()) return false;
     if (!line_->read_line_event(incoming, static_cast<int>(profile_.pairing_timeout_ms))) {
       resync(core_.batch_mismatch(remaining_samples), &batch);
       return false;
