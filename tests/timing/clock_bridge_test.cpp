@@ -52,6 +52,7 @@ TEST(ClockBridge, BackwardClocksAndOutOfRangeOffsetsThrow) {
   EXPECT_EQ(error_of<std::overflow_error>([] { bridge_event(UINT64_MAX - 9, bracket(10, 0, 0), 0); }),
             "clock offset overflow");
   EXPECT_EQ(bridge_event(UINT64_MAX - 10, bracket(10, 0, 0), 0).raw_ns, UINT64_MAX);
+  EXPECT_EQ(bridge_event(UINT64_MAX, bracket(0, 0, 0), 0).raw_ns, UINT64_MAX);  // clocks in step: no offset
 }
 
 TEST(BridgeMetrics, FirstEventSetsTheRangesLaterOnesWiden) {

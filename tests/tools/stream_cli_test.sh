@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # pelmor-stream as a process on the virtual board, through tools/pelmor-vboard.
-# usage: stream_cli_test.sh formats|signals|exit_codes|truth STREAM_EXE LAUNCHER BOARD_LIB
+# usage: stream_cli_test.sh formats|signals|exit_codes|restart|truth STREAM_EXE LAUNCHER BOARD_LIB
 set -uo pipefail
 case_name=$1 stream=$2 launcher=$3 board=$4
 work=$(mktemp -d)
@@ -82,6 +82,21 @@ exit_codes)
   expect_rc 3
   expect_err "worker ended by itself"
   [[ $(delivered) == $(($(rows) - 1)) ]] || fail "health table missing or rows lost" ;;
+restart)
+  # A sentinel sample well into the run ends the worker; one restart carries on to the count.
+  run --faults "sentinel:nth=120" -- --count 150 --restart 2
+  expect_rc 0
+  expect_err "imu worker fatal: IMU FIFO sample contains non-startup sentinel values"
+  expect_err "pelmor-stream: the driver's worker ended by itself; restarting (1 of 2)"
+  ! grep -qF "restarting (2 of 2)" "$work/err" || fail "restarted a run that did not end"
+  [[ $(rows) == 151 ]] || fail "expected a header and 150 rows, got $(rows)"
+  # INT1 fires but the FIFO never fills: the health record shows nothing wrong,
+  # so the tool says it.
+  run --faults "stall-fifo:nth=1:count=0" -- --duration 3 --quiet
+  expect_rc 0
+  expect_err "pelmor-stream: warning: no sample was delivered in"
+  run -- --count 40 --quiet
+  ! grep -qF "warning" "$work/err" || fail "a healthy run was warned about" ;;
 truth)
   run --profile realistic --truth-file "$work/t.csv" -- --count 12 --quiet
   expect_rc 0

@@ -35,6 +35,8 @@ TEST(StreamOptions, DefaultsAndEveryAcceptedForm) {
   EXPECT_EQ(o.count, 7u);
   EXPECT_EQ(o.format, OutputFormat::text);  // the last one wins
   EXPECT_EQ(o.output, "out.jsonl");
+  EXPECT_EQ(parse({"--restart", "0"}).options.restarts, 0u);
+  EXPECT_EQ(parse({"--restart=5"}).options.restarts, 5u);
 
   EXPECT_EQ(parse({"--rate", "40", "--help"}).action, CommandAction::usage_error);  // in order
   EXPECT_EQ(parse({"-r", "25", "-h"}).action, CommandAction::help);
@@ -51,6 +53,8 @@ TEST(StreamOptions, RefusalsNameTheProblem) {
       {{"--duration", "0"}, "--duration needs a positive number"},
       {{"--strict=1"}, "takes no value"},
       {{"--output="}, "needs a file name"},
+      {{"--restart", "-1"}, "--restart needs a whole number"},
+      {{"--restart", "4294967296"}, "--restart needs a whole number"},
       {{"--bogus"}, "unknown option '--bogus'"},
       {{"-x"}, "unknown option '-x'"},
       {{"file.csv"}, "unexpected argument 'file.csv'"},
@@ -161,6 +165,19 @@ TEST(StatusAndHealth, RateStatusLineAndHealthTable) {
   EXPECT_EQ(values.size(), 6u) << table;
   EXPECT_EQ(values["samples_delivered"], 123456789012u);
   EXPECT_EQ(values["max_consecutive_drops"], 7u);
+}
+
+TEST(StatusAndHealth, DeliveryWarningWhenARunFallsFarShortOfItsRate) {
+  constexpr std::uint64_t s = 1'000'000'000;
+  EXPECT_EQ(format_delivery_warning(0, s - 1, 30), "");  // too short to judge
+  EXPECT_EQ(format_delivery_warning(0, 4 * s, 25).rfind("pelmor-stream: warning: no sample was delivered in 4.0 s", 0),
+            0u);
+  EXPECT_EQ(format_delivery_warning(45, 3 * s, 30), "");  // half of 90 is still fine
+  const std::string short_run = format_delivery_warning(44, 3 * s, 30);
+  EXPECT_NE(short_run.find("only 44 samples were delivered in 3.0 s of streaming, where about 90 were due at 30 Hz"),
+            std::string::npos)
+      << short_run;
+  EXPECT_EQ(format_delivery_warning(UINT64_MAX / 4, 1000 * s, 30), "");
 }
 
 TEST(SampleHandOff, KeepsOrderAcrossThreadsAndCountsOverruns) {

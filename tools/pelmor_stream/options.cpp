@@ -53,7 +53,7 @@ std::string_view long_name_of_short(std::string_view arg) {
 
 bool takes_value(std::string_view name) {
   return name == "--rate" || name == "--duration" || name == "--count" || name == "--format" ||
-         name == "--output";
+         name == "--output" || name == "--restart";
 }
 
 }  // namespace
@@ -149,6 +149,11 @@ ParsedCommand parse_command_line(const std::vector<std::string>& args) {
     } else if (name == "--output") {
       if (v.empty()) return usage_error("option '" + name + "' needs a file name");
       options.output = v;
+    } else if (name == "--restart") {
+      std::uint64_t restarts = 0;
+      if (v != "0" && (!parse_count(v, restarts) || restarts > UINT32_MAX))
+        return usage_error("--restart needs a whole number of restarts, not '" + v + "'");
+      options.restarts = static_cast<std::uint32_t>(restarts);
     }
   }
   return result;
@@ -172,7 +177,7 @@ std::string help_text() {
 
 SYNOPSIS
     pelmor-stream [--rate 25|30] [--strict] [--duration SECONDS | --count N]
-                  [--format csv|jsonl|text] [--output FILE] [--quiet]
+                  [--format csv|jsonl|text] [--output FILE] [--restart N] [--quiet]
 
 DESCRIPTION
     Starts the driver through its public C interface, writes every delivered
@@ -207,6 +212,12 @@ OPTIONS
     -o, --output FILE
         Write samples to FILE (created or truncated) instead of standard
         output; "-" means standard output.
+    --restart N
+        When the worker ends by itself (a fatal timing or device fault, an SPI
+        error), stop the driver and start it again, up to N times in all, with
+        a line saying so after the driver's own reason. Sample indices start
+        again from 0 with each run; the health table is the last run's.
+        Default 0: the program ends with exit code 3.
     -q, --quiet
         No status lines and no health table; errors are still reported.
     -h, --help
@@ -233,7 +244,8 @@ EXIT STATUS
         text (and its "ICM-42688 start failed: ..." line) is printed
     2   usage error: an unknown option or a bad value
     3   the worker ended by itself (a fatal timing or device fault, or a
-        fault in --strict mode); the health table is still printed
+        fault in --strict mode) and no restart was left, or a restart failed;
+        the health table is still printed
     4   the output file could not be opened or written
 
 EXAMPLES

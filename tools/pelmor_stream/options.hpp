@@ -25,6 +25,7 @@ struct StreamOptions {
   OutputFormat format = OutputFormat::csv;
   std::string output;             // empty or "-": standard output
   bool quiet = false;
+  std::uint32_t restarts = 0;     // starts allowed after the worker ended by itself
 };
 
 enum class CommandAction : std::uint8_t { run, help, version, usage_error };

@@ -187,6 +187,24 @@ std::string format_status_line(const StatusSnapshot& status) {
   return line;
 }
 
+std::string format_delivery_warning(std::uint64_t delivered, std::uint64_t streaming_ns, std::uint32_t rate_hz) {
+  // A second's worth of samples is the least worth judging.
+  const std::uint64_t expected = streaming_ns / 1'000'000 * rate_hz / 1000;
+  if (expected < rate_hz || delivered * 2 >= expected) return {};
+  std::string line;
+  const double seconds = static_cast<double>(streaming_ns) / 1e9;
+  if (delivered == 0) {
+    append_format(line, "pelmor-stream: warning: no sample was delivered in %.1f s of streaming", seconds);
+  } else {
+    append_format(line,
+                  "pelmor-stream: warning: only %" PRIu64 " samples were delivered in %.1f s of streaming, where "
+                  "about %" PRIu64 " were due at %" PRIu32 " Hz",
+                  delivered, seconds, expected, rate_hz);
+  }
+  line += "; the driver's lines above tell why (resyncs, drops, a stalled FIFO)";
+  return line;
+}
+
 std::string format_health_table(const pelmor_runtime_health& h) {
   std::string table;
   append_format(table, "runtime health of run %" PRIu32 ":\n", h.epoch);

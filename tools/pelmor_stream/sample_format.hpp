@@ -47,6 +47,12 @@ std::string format_status_line(const StatusSnapshot& status);
 double measured_rate_hz(std::uint64_t index_before, std::uint64_t mapped_before_ns, std::uint64_t index_now,
                         std::uint64_t mapped_now_ns);
 
+// A warning without line ending when a run delivered nothing, or fewer than half
+// the samples its streaming time implies at rate_hz (the health record cannot
+// tell: a run that resyncs again and again drops nothing); empty otherwise, and
+// for runs too short to judge.
+std::string format_delivery_warning(std::uint64_t delivered, std::uint64_t streaming_ns, std::uint32_t rate_hz);
+
 // The runtime-health record as a small table, one line per counter.
 std::string format_health_table(const pelmor_runtime_health& health);
 

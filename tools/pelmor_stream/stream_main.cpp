@@ -189,12 +189,33 @@ int run(const StreamOptions& options) {
   const std::uint64_t start_ns = now_ns();
   StatusLine status_line(!options.quiet, start_ns);
   std::uint64_t next_status_ns = start_ns + ns_per_s;
+  std::uint64_t run_start_ns = start_ns;
+  std::uint64_t streaming_ns = 0;  // over every run, without the restarts' starts
+  std::uint32_t restarts_used = 0;
   StopReason reason = StopReason::asked;
   for (;;) {
     if (stop_signal != 0) break;
     if (pelmor_is_running(handle) == 0) {
-      reason = StopReason::worker_ended;
-      break;
+      if (restarts_used == options.restarts) {
+        reason = StopReason::worker_ended;
+        break;
+      }
+      // The driver wrote its reason just before; the run is closed and a new one begun.
+      ++restarts_used;
+      status_line.finish_line();
+      print_error("the driver's worker ended by itself; restarting (" + std::to_string(restarts_used) + " of " +
+                  std::to_string(options.restarts) + ")");
+      streaming_ns += now_ns() - run_start_ns;
+      pelmor_stop(handle);
+      status = pelmor_start(handle);
+      run_start_ns = now_ns();
+      if (status != PELMOR_OK) {
+        print_error(std::string("restart failed: ") + pelmor_status_message(status) + " (" +
+                    std::to_string(status) + ")");
+        reason = StopReason::worker_ended;
+        break;
+      }
+      continue;
     }
     if (writer.failed()) {
       reason = StopReason::output_failed;
@@ -213,11 +234,15 @@ int run(const StreamOptions& options) {
   }
 
   status_line.finish_line();
-  if (reason == StopReason::worker_ended) print_error("the driver's worker ended by itself");
+  if (reason == StopReason::worker_ended && status == PELMOR_OK) print_error("the driver's worker ended by itself");
+  streaming_ns += now_ns() - run_start_ns;
   pelmor_stop(handle);  // joins the worker: no callback runs after this
   finish_writer();
   status_line.draw(writer, queue, true);
   status_line.finish_line();
+  const std::string warning =
+      format_delivery_warning(callback_state.taken.load(), streaming_ns, options.rate_hz);
+  if (!warning.empty()) std::fprintf(stderr, "%s\n", warning.c_str());
 
   pelmor_runtime_health health{};
   health.struct_size = sizeof health;
