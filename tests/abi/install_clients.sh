@@ -3,7 +3,9 @@
 # against it twice: with pkg-config and with find_package(pelmor). Each client must
 # run and fail to start cleanly (no sensor here).
 set -euo pipefail
+# EMULATOR (optional): the command line that runs a cross-built program here.
 build=$1 src=$2 cc=$3 cflags=${4:-}
+read -ra emulator <<< "${5:-}"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
@@ -15,7 +17,7 @@ libdir=$(dirname "$(find "$prefix" -name libpelmor.so.2 | head -n1)")
 
 check_client() {
   local exe=$1 out rc=0
-  out=$(env -u LD_PRELOAD LD_LIBRARY_PATH="$libdir" "$exe" 30 1 2>&1) || rc=$?
+  out=$(env -u LD_PRELOAD LD_LIBRARY_PATH="$libdir" "${emulator[@]}" "$exe" 30 1 2>&1) || rc=$?
   if [ "$rc" -ne 2 ] || ! grep -q '^ICM-42688 start failed: failed to open SPI device /dev/spidev2.0, errno=2' <<<"$out"; then
     echo "client $exe: rc=$rc output:" >&2; echo "$out" >&2; exit 1
   fi

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # pelmor-stream as a process on the virtual board, through tools/pelmor-vboard.
-# usage: stream_cli_test.sh formats|signals|exit_codes|restart|truth STREAM_EXE LAUNCHER BOARD_LIB
+# usage: stream_cli_test.sh formats|signals|exit_codes|restart|truth STREAM_EXE LAUNCHER BOARD_LIB [EMULATOR]
+# EMULATOR: the command line that runs a cross-built program here (qemu-user), if any.
 set -uo pipefail
 case_name=$1 stream=$2 launcher=$3 board=$4
+read -ra emulator <<< "${5:-}"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 unset "${!PELMOR_VBOARD_@}"
@@ -16,7 +18,7 @@ run() {
   while [[ $1 != -- ]]; do opts+=("$1"); shift; done
   shift
   for _ in 1 2 3; do
-    "$launcher" --board "$board" "${opts[@]}" -- "$stream" "$@" > "$work/out" 2> "$work/err"
+    "$launcher" --board "$board" "${opts[@]}" -- "${emulator[@]}" "$stream" "$@" > "$work/out" 2> "$work/err"
     rc=$?
     [[ $rc == 1 ]] && grep -qE 'start failed: (failed to establish TMST|failed to refresh TMST|GPIO395 boundary event)' \
       "$work/err" || break
@@ -50,7 +52,7 @@ formats)
   done ;;
 signals)
   for signal in INT TERM; do
-    "$launcher" --board "$board" -- "$stream" > "$work/out" 2> "$work/err" &
+    "$launcher" --board "$board" -- "${emulator[@]}" "$stream" > "$work/out" 2> "$work/err" &
     pid=$!
     # Synchronise on a status line that has counted samples, not on time.
     for _ in $(seq 600); do
