@@ -60,9 +60,26 @@ bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_lim
   }
 
   if (refit(residual_limit_ns)) return true;
+  const auto past_warm_up = [this] {
+    return anchor_count > 3 && anchors[anchor_count - 1].tick - anchors[0].tick >= tmst_min_span_ticks;
+  };
+  if (last_rejected.reject_reason == fit_reject_residual_too_large) {
+    const auto before_drop = anchors;
+    const std::uint32_t count_before_drop = anchor_count;
+    const TmstFit refused = last_rejected;
+    if (drop_wide_anchor()) {
+      if (refit(residual_limit_ns)) return true;
+      last_rejected = refused;
+      // Too few left to fit is warm-up, where going on without it is the point;
+      // past warm-up the window stays as the refusal left it.
+      if (past_warm_up()) {
+        anchors = before_drop;
+        anchor_count = count_before_drop;
+      }
+    }
+  }
 
-  const std::uint64_t span = anchors[anchor_count - 1].tick - anchors[0].tick;
-  if (anchor_count > 3 && span >= tmst_min_span_ticks) {
+  if (past_warm_up()) {
     // Past warm-up the failure is real: the fit in force stays. A full window
     // deliberately keeps the shift, so a run of bad anchors ages out the old ones.
     fit = saved_fit;
@@ -72,6 +89,27 @@ bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_lim
     }
   }
   return false;
+}
+
+bool TmstMapper::drop_wide_anchor() {
+  if (anchor_count < 3) return false;
+  const std::uint32_t older = anchor_count - 1;  // the newest is never the one dropped
+  std::uint32_t widest = 0;
+  for (std::uint32_t i = 1; i < older; ++i) {
+    if (anchors[i].half_window_ns() > anchors[widest].half_window_ns()) widest = i;
+  }
+  std::array<std::uint64_t, tmst_anchor_capacity> others{};
+  std::uint32_t n = 0;
+  for (std::uint32_t i = 0; i < anchor_count; ++i) {
+    if (i != widest) others[n++] = anchors[i].half_window_ns();
+  }
+  const auto middle = others.begin() + n / 2;
+  std::nth_element(others.begin(), middle, others.begin() + n);
+  const std::uint64_t wide = anchors[widest].half_window_ns();
+  if (wide <= tmst_wide_anchor_min_half_window_ns || wide <= tmst_wide_anchor_ratio * *middle) return false;
+  std::copy(anchors.begin() + widest + 1, anchors.begin() + anchor_count, anchors.begin() + widest);
+  anchor_count -= 1;
+  return true;
 }
 
 bool TmstMapper::refit(std::uint64_t residual_limit_ns) {

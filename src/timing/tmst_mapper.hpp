@@ -38,6 +38,14 @@ inline constexpr std::uint64_t tmst_max_slope_error_ppm = 100000;
 inline constexpr std::uint64_t tmst_establish_residual_limit_ns = 50000;
 inline constexpr std::uint64_t tmst_refresh_residual_limit_ns = 75000;
 
+// A bracket stretched by preemption but still under the half-window gate may
+// hold its latch anywhere inside it, far off the line its peers agree on. Such
+// an anchor is "wide" when its half window is above this floor (below it, a
+// bracket cannot break the establishment residual limit by itself) and more
+// than this many times the median of the other anchors' half windows.
+inline constexpr std::uint64_t tmst_wide_anchor_min_half_window_ns = 25000;
+inline constexpr std::uint64_t tmst_wide_anchor_ratio = 3;
+
 struct TmstAnchor {
   std::uint64_t tick = 0;
   std::uint64_t raw_before_ns = 0;
@@ -75,7 +83,12 @@ struct TmstMapper {
 
   // Inserts the anchor and refits; true when the resulting fit is valid. Once the
   // map is past its warm-up a failing anchor never replaces the fit in force.
+  // When the fit is refused for its residual and an older anchor is wide, that
+  // anchor leaves instead, so one preempted snapshot cannot poison the window.
   bool add_anchor(const TmstAnchor& anchor, std::uint64_t residual_limit_ns);
+  // Removes the widest anchor other than the newest when it is wide (see above);
+  // true when one was removed. The fit is left as it was.
+  bool drop_wide_anchor();
   // Least squares over the stored anchors; true when every gate passes.
   bool refit(std::uint64_t residual_limit_ns);
 };

@@ -65,6 +65,13 @@ bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_
     mapper = candidate;
     return true;
   }
+  // A wide anchor's half window counts in every mapping while it stays.
+  TmstMapper narrowed = candidate;
+  if (narrowed.drop_wide_anchor() && narrowed.refit(tmst_refresh_residual_limit_ns) &&
+      map_tmst_to_raw(narrowed, tick, measurement_uncertainty_ns).valid) {
+    mapper = narrowed;
+    return true;
+  }
   mapper.last_rejected = candidate.fit;
   mapper.last_rejected.valid = false;
   mapper.last_rejected.reject_reason = fit_reject_sample_uncertainty_too_large;

@@ -4,6 +4,7 @@
 
 #include "timing/anchor_map.hpp"
 #include "timing/tmst_mapper.hpp"
+#include "timing/tmst_mapping.hpp"
 #include "timing/tmst_timebase.hpp"
 #include "timing_test_support.hpp"
 
@@ -126,6 +127,58 @@ TEST(TmstFit, PastWarmUpABreakingAnchorIsUndoneUnlessTheWindowWasFull) {
   EXPECT_TRUE(full.fit.valid);
   EXPECT_EQ(full.fit.first_tick, 10000U);
   EXPECT_EQ(full.fit.last_tick, 160000U);
+}
+
+TEST(WideAnchors, AWideOlderAnchorIsDroppedOnlyWhenFarWiderThanItsPeers) {
+  const auto mapper_with_halves = [](std::initializer_list<std::uint64_t> halves) {
+    TmstMapper m;
+    std::uint64_t tick = 0;
+    for (std::uint64_t half : halves) m.anchors[m.anchor_count++] = ideal(tick += 10000, half);
+    return m;
+  };
+  TmstMapper m = mapper_with_halves({1000, 1000, 26000, 1000, 1000});
+  EXPECT_TRUE(m.drop_wide_anchor());
+  ASSERT_EQ(m.anchor_count, 4U);
+  EXPECT_EQ(m.anchors[2].tick, 40000U);  // the later anchors moved up in order
+  EXPECT_EQ(m.anchors[3].tick, 50000U);
+
+  EXPECT_FALSE(mapper_with_halves({1000, 25000, 1000, 1000}).drop_wide_anchor());     // not above the floor
+  EXPECT_FALSE(mapper_with_halves({10000, 30000, 10000, 10000}).drop_wide_anchor());  // three times its peers
+  EXPECT_TRUE(mapper_with_halves({10000, 30001, 10000, 10000}).drop_wide_anchor());
+  EXPECT_FALSE(mapper_with_halves({1000, 1000, 1000, 90000}).drop_wide_anchor());     // the newest stays
+  EXPECT_FALSE(mapper_with_halves({90000, 1000}).drop_wide_anchor());
+}
+
+TEST(WideAnchors, OneStretchedSnapshotCannotPoisonTheWindow) {
+  // In warm-up: its latch 90 us off the line breaks the residual of every later
+  // fit, so it leaves and the next anchor completes the map.
+  TmstMapper warm;
+  warm.add_anchor(ideal(0), 50000);
+  warm.add_anchor(anchor(10000, base_raw_ns + 10'090'000, 95000), 50000);
+  warm.add_anchor(ideal(20000), 50000);
+  EXPECT_FALSE(warm.add_anchor(ideal(30000), 50000));
+  EXPECT_EQ(warm.last_rejected.reject_reason, fit_reject_residual_too_large);
+  EXPECT_EQ(warm.anchor_count, 3U);
+  EXPECT_TRUE(warm.add_anchor(ideal(40000), 50000));
+  EXPECT_EQ(warm.fit.max_half_window_ns, 1000U);
+
+  // Past warm-up it got in under the limit; good anchors pull the line away
+  // from it until its residual breaks the limit, and then it goes.
+  TmstMapper m = ideal_mapper(5);
+  ASSERT_TRUE(m.add_anchor(anchor(50000, base_raw_ns + 50'060'000, 90000), 50000));
+  for (std::uint64_t tick = 60000; tick <= 200000; tick += 10000) {
+    EXPECT_TRUE(m.add_anchor(ideal(tick), 50000)) << tick;
+  }
+  EXPECT_EQ(m.fit.max_half_window_ns, 1000U);
+  EXPECT_EQ(m.fit.max_residual_ns, 0U);
+
+  // A gated anchor: the wide one's half window alone keeps the sample outside the gate.
+  TmstMapper gated = ideal_mapper(6);
+  ASSERT_TRUE(gated.add_anchor(ideal(60000, 95000), 50000));
+  EXPECT_FALSE(map_tmst_to_raw(gated, 70000, 110000).valid);
+  EXPECT_TRUE(add_anchor_gated(gated, ideal(70000), 70000, 110000));
+  EXPECT_EQ(gated.fit.max_half_window_ns, 1000U);
+  EXPECT_EQ(gated.anchors[gated.anchor_count - 1].tick, 70000U);
 }
 
 TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
