@@ -128,6 +128,28 @@ TEST(SequenceGap, ResyncsCountsAndCarriesOn) {
   });
 }
 
+TEST(SequenceGap, NoticedWhileABatchIsPairedAbandonsThatBatch) {
+  expect_resync_scenario([](std::string& keep_log) {
+    FaultRun run(30, 0, vb::Config::ideal(), &keep_log);
+    ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();
+    ASSERT_TRUE(run.client.wait_for_samples(5, 10s));
+    // The next FIFO read takes 80 ms: the edge during it is lost, and the one
+    // after, carrying the gap, is read while the batch just read is paired.
+    vb::stretch_spi_message(vb::SpiMessageKind::fifo_data_read, 80'000'000, vb::Trigger::once());
+    vb::drop_edges(vb::Trigger::once(2));
+    const std::size_t before = run.client.sample_count();
+    ASSERT_TRUE(run.client.wait_for_samples(before + 10, 15s));
+    const std::string log = run.finish();
+
+    EXPECT_EQ(lines_starting_with(log, "TIMING_BOUNDARY_RESYNC ").size(), 1U) << log;
+    const auto summary = lines_starting_with(log, "TIMING_DROP_SUMMARY label=final");
+    ASSERT_EQ(summary.size(), 1U);
+    EXPECT_TRUE(contains(summary[0], " gpio_sequence_gap_resyncs=1 ")) << summary[0];
+    EXPECT_TRUE(contains(summary[0], " batch_mismatch_resyncs=0 ")) << summary[0];
+    expect_contiguous_and_increasing(run.client.samples());
+  });
+}
+
 TEST(SequenceGap, IsFatalInStrictMode) {
   FaultRun run(25, 1);
   ASSERT_EQ(run.start_status, PELMOR_OK) << run.finish();

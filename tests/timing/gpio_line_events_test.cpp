@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <linux/gpio.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -77,6 +78,15 @@ TEST(GpioLineEvents, HangUpAloneIsNoEventButShortOrFailedReadsAreErrors) {
   const char bytes[47] = {};
   ASSERT_EQ(::write(p.writer.get(), bytes, sizeof bytes), 47);
   EXPECT_EQ(error_of<std::runtime_error>([&] { partial.read_line_event(e, 0); }), "short GPIO395 line event read");
+
+  // A peer that shut down polls readable and reads nothing: short too, not an errno.
+  int pair[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  UniqueFd ended(pair[0]);
+  UniqueFd peer(pair[1]);
+  GpioInterruptLine at_end = line_on(ended);
+  peer.reset();
+  EXPECT_EQ(error_of<std::runtime_error>([&] { at_end.read_line_event(e, 0); }), "short GPIO395 line event read");
 
   // A write end without reader polls as POLLERR and cannot be read.
   p = make_pipe();
