@@ -3,11 +3,18 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <linux/gpio.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <string>
+#include <thread>
 
 #include "common/clock.hpp"
 #include "timing/gpio_interrupt_line.hpp"
@@ -94,6 +101,34 @@ TEST(GpioLineEvents, HangUpAloneIsNoEventButShortOrFailedReadsAreErrors) {
   GpioInterruptLine unreadable = line_on(p.writer);
   EXPECT_EQ(error_of<std::runtime_error>([&] { unreadable.read_line_event(e, 0); }),
             "read GPIO395 line event, errno=9 (Bad file descriptor)");
+}
+
+extern "C" void ignore_signal(int) {}
+
+TEST(GpioLineEvents, ASignalDuringTheWaitIsAnEmptyWaitNotAnError) {
+  struct sigaction action {};
+  action.sa_handler = ignore_signal;  // no SA_RESTART: poll returns EINTR
+  struct sigaction previous {};
+  ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
+  Pipe p = make_pipe();
+  GpioInterruptLine line = line_on(p.reader);
+  std::atomic<bool> done{false};
+  std::string error = "not run";
+  bool got_event = true;
+  std::thread waiter([&] {
+    BridgedEvent e;
+    error = error_of<std::runtime_error>([&] { got_event = line.read_line_event(e, 60000); });
+    done.store(true);
+  });
+  // Signals that land before the wait begins are simply handled; keep sending.
+  while (!done.load()) {
+    ::pthread_kill(waiter.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  waiter.join();
+  ::sigaction(SIGUSR1, &previous, nullptr);
+  EXPECT_EQ(error, "");
+  EXPECT_FALSE(got_event);
 }
 
 }  // namespace
