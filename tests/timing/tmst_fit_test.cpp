@@ -146,6 +146,7 @@ TEST(WideAnchors, AWideOlderAnchorIsDroppedOnlyWhenFarWiderThanItsPeers) {
   EXPECT_FALSE(mapper_with_halves({10000, 30000, 10000, 10000}).drop_wide_anchor());  // three times its peers
   EXPECT_TRUE(mapper_with_halves({10000, 30001, 10000, 10000}).drop_wide_anchor());
   EXPECT_FALSE(mapper_with_halves({1000, 1000, 1000, 90000}).drop_wide_anchor());     // the newest stays
+  EXPECT_TRUE(mapper_with_halves({1000, 90000, 1000}).drop_wide_anchor());  // two peers are enough
   EXPECT_FALSE(mapper_with_halves({90000, 1000}).drop_wide_anchor());
 }
 
