@@ -10,7 +10,8 @@ namespace pelmor_lusk {
 void AnchorSource::pause_ns(std::int64_t ns) { sleep_ns(ns); }
 
 TmstAnchor anchor_from_snapshot(TmstUnwrapState& unwrap, const TmstSnapshot& snapshot) {
-  return TmstAnchor{unwrap_tick(unwrap, snapshot.tmst_ticks), snapshot.raw_before_ns, snapshot.raw_after_ns};
+  return TmstAnchor{unwrap_tick(unwrap, snapshot.tmst_ticks, snapshot.raw_before_ns), snapshot.raw_before_ns,
+                    snapshot.raw_after_ns};
 }
 
 void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source) {

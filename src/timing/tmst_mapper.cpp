@@ -179,7 +179,7 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   return true;
 }
 
-std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick) {
+std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick, std::uint64_t host_ns) {
   const std::uint32_t width = state.bit_width;
   if (width == 0 || width > 31) throw std::invalid_argument("timestamp bit width must be 1..31");
   const std::uint64_t modulus = std::uint64_t{1} << width;
@@ -189,9 +189,15 @@ std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick) {
   if (state.have_previous) {
     result = (state.previous & ~mask) | reading;
     if (result < state.previous) result += modulus;
-    if ((state.previous & mask) > reading) state.wrap_count += 1;
+    if (state.previous_host_ns != 0 && host_ns > state.previous_host_ns) {
+      // Whole turns the counter made unseen: where the nominal rate puts the tick.
+      const std::uint64_t expected = state.previous + (host_ns - state.previous_host_ns) / tmst_nominal_ns_per_tick;
+      if (expected > result) result += (expected - result + modulus / 2 - 1) / modulus * modulus;
+    }
+    state.wrap_count += (result >> width) - (state.previous >> width);
   }
   state.previous = result;
+  state.previous_host_ns = host_ns;
   state.have_previous = true;
   return result;
 }

@@ -98,11 +98,15 @@ struct TmstUnwrapState {
   bool have_previous = false;
   std::uint64_t previous = 0;
   std::uint64_t wrap_count = 0;
+  std::uint64_t previous_host_ns = 0;  // host instant of the previous reading; 0: unknown
 };
 
-// Extends a reading of bit_width bits to a monotonic 64-bit tick. Throws
-// std::invalid_argument "timestamp bit width must be 1..31".
-std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick);
+// Extends a reading of bit_width bits to a monotonic 64-bit tick. With the host
+// instant of the reading (CLOCK_MONOTONIC_RAW, 0: unknown), a gap longer than
+// one turn of the counter still counts every wrap: the tick nearest to where the
+// nominal rate puts it is taken. Throws std::invalid_argument "timestamp bit
+// width must be 1..31".
+std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick, std::uint64_t host_ns = 0);
 
 // "reason=..., anchors=..., span_ticks=..., slope_ns_per_tick=..., slope_error_ppm=...,
 // max_half_window_ns=..., max_residual_ns=..."

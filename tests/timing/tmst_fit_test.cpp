@@ -20,6 +20,21 @@ TEST(UnwrapTick, ExtendsTwentyBitReadingsAcrossWraps) {
   EXPECT_EQ(unwrap_tick(s, 0x000005), 0x100005U);  // unchanged reading: same tick, no wrap
   EXPECT_EQ(unwrap_tick(s, 0x0FFFFF), 0x1FFFFFU);
   EXPECT_EQ(s.wrap_count, 1U);
+
+  // With host instants a gap of several turns keeps every wrap; a short one is
+  // read as before, even with a host clock that disagrees by a lot.
+  TmstUnwrapState timed;
+  const std::uint64_t t0 = 5'000'000'000;
+  EXPECT_EQ(unwrap_tick(timed, 1000, t0), 1000U);
+  EXPECT_EQ(unwrap_tick(timed, 900'000, t0 + 899'000'000), 900'000U);
+  const std::uint64_t far = 900'000 + 3'000'000;  // three seconds later: two turns and more
+  EXPECT_EQ(unwrap_tick(timed, static_cast<std::uint32_t>(far & 0xFFFFF), t0 + 3'899'000'000), far);
+  EXPECT_EQ(timed.wrap_count, 3U);
+  EXPECT_EQ(unwrap_tick(timed, static_cast<std::uint32_t>((far + 10) & 0xFFFFF), t0 + 3'899'000'000 + 400'000'000),
+            far + 10);  // 400 ms of host time for 10 ticks is still the same turn
+  EXPECT_EQ(unwrap_tick(timed, static_cast<std::uint32_t>((far + 20) & 0xFFFFF)), far + 20);  // no host instant
+  EXPECT_EQ(timed.wrap_count, 3U);
+
   for (std::uint32_t width : {0U, 32U}) {
     TmstUnwrapState bad{width};
     EXPECT_EQ(error_of<std::invalid_argument>([&] { unwrap_tick(bad, 1); }), "timestamp bit width must be 1..31");
