@@ -116,6 +116,14 @@ TEST(TmstFit, KeepsFullPrecisionNearTheTopOfTheRange) {
   }
   EXPECT_LE(m.fit.max_residual_ns, 1U);
   EXPECT_NEAR(to_double(m.fit.slope_ns_per_tick), 1001.0, 1e-3);
+
+  // An anchor exactly at the top of the range is still in it.
+  TmstMapper top;
+  for (std::uint64_t i = 0; i < 4; ++i) {
+    const std::uint64_t mid = UINT64_MAX - (3 - i) * 10'000'000;
+    top.add_anchor(TmstAnchor{i * 10000, mid, mid}, 50000);
+  }
+  EXPECT_TRUE(top.fit.valid) << fit_reject_reason_name(top.last_rejected.reject_reason);
 }
 
 TEST(TmstFit, PastWarmUpABreakingAnchorIsUndoneUnlessTheWindowWasFull) {
@@ -162,6 +170,9 @@ TEST(WideAnchors, AWideOlderAnchorIsDroppedOnlyWhenFarWiderThanItsPeers) {
   EXPECT_TRUE(mapper_with_halves({10000, 30001, 10000, 10000}).drop_wide_anchor());
   EXPECT_FALSE(mapper_with_halves({1000, 1000, 1000, 90000}).drop_wide_anchor());     // the newest stays
   EXPECT_TRUE(mapper_with_halves({1000, 90000, 1000}).drop_wide_anchor());  // two peers are enough
+  TmstMapper tied = mapper_with_halves({1000, 90000, 90000, 1000, 1000});
+  EXPECT_TRUE(tied.drop_wide_anchor());
+  EXPECT_EQ(tied.anchors[1].tick, 30000U);  // of two equally wide, the older goes
   EXPECT_FALSE(mapper_with_halves({90000, 1000}).drop_wide_anchor());
 }
 
