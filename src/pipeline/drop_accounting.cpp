@@ -140,6 +140,10 @@ void record_resync_success(TimingDropCounters& c, std::uint32_t reason,
     resyncs = &c.gpio_queue_overflow_resyncs;
     drops = &c.gpio_queue_overflow_resync_drops;
     events = &c.gpio_queue_overflow_discarded_gpio_events;
+  } else if (reason == recovery_timing_drop_run) {
+    resyncs = &c.timing_drop_run_resyncs;
+    drops = &c.timing_drop_run_resync_drops;
+    events = &c.timing_drop_run_discarded_gpio_events;
   }
   *resyncs += 1;
   *drops += discarded_fifo_samples;

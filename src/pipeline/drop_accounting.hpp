@@ -50,6 +50,10 @@ struct TimingDropCounters {
   std::uint32_t detailed_logs = 0;
 
   std::uint32_t consecutive_drops = 0;   // reset by every accepted sample
+  // Resyncs called for by a second of drops in a row; not in the summary line.
+  std::uint32_t timing_drop_run_resyncs = 0;
+  std::uint32_t timing_drop_run_resync_drops = 0;
+  std::uint32_t timing_drop_run_discarded_gpio_events = 0;
   std::uint32_t drop_event_count = 0;    // phase decisions
   std::uint32_t drop_sample_count = 0;
   std::uint32_t boundary_resyncs = 0;    // sequence-gap events only

@@ -76,6 +76,7 @@ SampleVerdict PairingCore::pair_sample(const FifoPacket& packet, std::uint32_t r
     return verdict;
   }
 
+  current_remaining_ = remaining_samples;
   if (!event.valid) return drop_for_bridge(packet, event, gate, mapper);
 
   current_gate_ = gate;
@@ -105,7 +106,21 @@ SampleVerdict PairingCore::drop_for_bridge(const FifoPacket& packet, const Bridg
   }
   record_timing_drop(counters_, step_, pending_, gate, true, timing_drop_bridge,
                      "GPIO395 MONOTONIC to RAW bridge timing sample dropped", detail, timing_drop_stage_none);
-  return SampleVerdict{};
+  return after_timing_drop();
+}
+
+SampleVerdict PairingCore::after_timing_drop() {
+  SampleVerdict verdict;
+  drop_run_ += 1;
+  // Drops that outlast a second no longer come from one bad moment: the map is
+  // rebuilt from fresh snapshots instead of waiting for one to be accepted.
+  if (drop_run_ < profile_.odr_hz) return verdict;
+  verdict.action = SampleAction::resync;
+  verdict.resync.reason = recovery_timing_drop_run;
+  verdict.resync.message = "timing samples dropped for a second in a row";
+  verdict.resync.discarded_fifo_samples = current_remaining_ - 1;  // the dropped one is counted already
+  verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
+  return verdict;
 }
 
 SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
@@ -116,7 +131,7 @@ SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const Mapper
   if (!outcome.message.empty()) {
     record_timing_drop(counters_, step_, pending_, gate, true, timing_drop_tmst_raw,
                        "TMST to RAW timing sample dropped", outcome.message, timing_drop_stage_none);
-    return verdict;
+    return after_timing_drop();
   }
   const std::uint64_t mapped_ns = outcome.mapping.raw_ns;
   if (mapped_ns == 0) throw std::runtime_error("mapped sample timestamp is zero");
@@ -158,6 +173,7 @@ SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const Mapper
   last_mapped_ns_ = mapped_ns;
   accepted_sample_count_ += 1;
   counters_.consecutive_drops = 0;
+  drop_run_ = 0;
 
   if (decimator_.admit()) {
     verdict.action = SampleAction::emit;
@@ -229,6 +245,7 @@ std::string PairingCore::resync_failed(const ResyncRequest& request, std::string
 
 void PairingCore::begin_arm() noexcept {
   pending_.clear();
+  drop_run_ = 0;
   step_ = StepReference{};
   boundary_reference_tick_ = 0;
   runtime_boundary_context_ = false;

@@ -120,6 +120,9 @@ class PairingCore {
   StepGateMessageFields step_gate_message_fields(std::uint16_t low16) const noexcept;
   SampleVerdict drop_for_bridge(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
                                 const TmstMapper& mapper);
+  // After a timing drop: next, or a resync that rebuilds the map once a second
+  // of samples has been dropped in a row since the last arm.
+  SampleVerdict after_timing_drop();
   void fill_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
                    std::uint32_t uncertainty_us, std::uint64_t wrap_count, ImuSample& sample);
 
@@ -145,9 +148,13 @@ class PairingCore {
   std::uint64_t sample_sequence_ = 0;
   std::uint64_t last_mapped_ns_ = 0;  // 0 = none yet
 
+  // Timing drops in a row since the last accepted sample or arm.
+  std::uint32_t drop_run_ = 0;
+
   // Between pair_sample and accept_mapping.
   StepGateResult current_gate_{};
   BridgedEvent current_event_{};
+  std::uint32_t current_remaining_ = 0;
 };
 
 }  // namespace pelmor_lusk

@@ -17,9 +17,10 @@ enum RecoveryReason : std::uint32_t {
   recovery_batch_mismatch = 0,
   recovery_gpio_sequence_gap = 1,
   recovery_gpio_queue_overflow = 2,
+  recovery_timing_drop_run = 3,  // a second of samples dropped in a row: the map is rebuilt
 };
 
-// Every value other than 1 and 2 reads "batch_mismatch".
+// Every value other than 1, 2 and 3 reads "batch_mismatch".
 const char* recovery_reason_name(std::uint32_t reason) noexcept;
 
 struct ResyncReportInput {

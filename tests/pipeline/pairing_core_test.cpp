@@ -368,6 +368,27 @@ TEST(PairingCoreDrops, TmstSoftDropsCountConsecutivelyUntilASampleIsAccepted) {
   EXPECT_EQ(s.emitted[1].total_drops, 4U);
 }
 
+TEST(PairingCoreDrops, ASecondOfDropsInARowCallsForARebuiltMap) {
+  PairingScript s(rate_profile_25hz);
+  s.arm(anchor_tick);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
+  ASSERT_EQ(s.sample(), SampleAction::emit);  // an accepted sample starts the count again
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
+  ASSERT_EQ(s.sample(soft_drop()), SampleAction::resync);  // the 25th: one second at 25 Hz
+  ASSERT_EQ(s.resyncs.size(), 1U);
+  EXPECT_EQ(s.resyncs[0].reason, recovery_timing_drop_run);
+  EXPECT_EQ(s.resyncs[0].message, "timing samples dropped for a second in a row");
+  EXPECT_EQ(s.resyncs[0].discarded_fifo_samples, 0U);
+  EXPECT_FALSE(s.resyncs[0].trigger.has_value());
+
+  // The count starts again at each arm, so a rebuilt map gets its own second.
+  s.arm(s.tick);
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(s.core.counters().consecutive_drops, 49U);
+}
+
 // --- Startup sentinels ---
 
 TEST(PairingCoreSentinels, StartupSentinelsAreSkippedReanchoredAndLimited) {
