@@ -12,12 +12,14 @@
 #include "pelmor.h"
 #include "pelmor_vboard.hpp"
 #include "support/board_client.hpp"
+#include "support/board_truth.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using pelmor_test::BoardClient;
 using pelmor_test::lines_starting_with;
+using pelmor_test::truth_for;
 namespace vb = pelmor_vboard;
 
 pelmor_runtime_health read_health(pelmor_handle handle, std::int32_t* status) {
@@ -25,22 +27,6 @@ pelmor_runtime_health read_health(pelmor_handle handle, std::int32_t* status) {
   health.struct_size = sizeof health;
   *status = pelmor_get_runtime_health(handle, &health);
   return health;
-}
-
-// The truth sample a delivered sample stands for: same FIFO timestamp, nearest instant.
-std::optional<vb::SampleTruth> truth_for(const std::vector<vb::SampleTruth>& truth, const pelmor_sample& s) {
-  std::optional<vb::SampleTruth> best;
-  std::uint64_t best_distance = UINT64_MAX;
-  for (const auto& t : truth) {
-    if (!t.in_fifo || t.tmst_low16 != s.fifo_timestamp_low16) continue;
-    const std::uint64_t d = t.raw_ns > s.mapped_timestamp_raw_ns ? t.raw_ns - s.mapped_timestamp_raw_ns
-                                                                  : s.mapped_timestamp_raw_ns - t.raw_ns;
-    if (d < best_distance) {
-      best_distance = d;
-      best = t;
-    }
-  }
-  return best;
 }
 
 struct RunCase {

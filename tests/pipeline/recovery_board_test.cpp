@@ -16,6 +16,7 @@
 #include "pelmor.h"
 #include "pelmor_vboard.hpp"
 #include "support/board_client.hpp"
+#include "support/board_truth.hpp"
 
 namespace {
 
@@ -71,22 +72,6 @@ struct StallingClient {
   std::vector<pelmor_sample> samples;
 };
 
-// The board's true instant of a delivered sample: same FIFO timestamp, nearest in time.
-std::optional<std::uint64_t> true_instant(const std::vector<vb::SampleTruth>& truth, const pelmor_sample& s) {
-  std::optional<std::uint64_t> best;
-  std::uint64_t best_distance = UINT64_MAX;
-  for (const auto& t : truth) {
-    if (!t.in_fifo || t.tmst_low16 != s.fifo_timestamp_low16) continue;
-    const std::uint64_t d = t.raw_ns > s.mapped_timestamp_raw_ns ? t.raw_ns - s.mapped_timestamp_raw_ns
-                                                                 : s.mapped_timestamp_raw_ns - t.raw_ns;
-    if (d < best_distance) {
-      best_distance = d;
-      best = t.raw_ns;
-    }
-  }
-  return best;
-}
-
 // Every sample mapped after clean_from follows its predecessor without a drop or
 // a resync between them and lies within its stated uncertainty of the truth.
 void expect_clean_after(const std::vector<pelmor_sample>& samples, std::uint64_t clean_from, std::uint32_t rate_hz,
@@ -101,10 +86,10 @@ void expect_clean_after(const std::vector<pelmor_sample>& samples, std::uint64_t
       EXPECT_EQ(s.total_drops, previous->total_drops) << "a drop after recovery at sample " << s.sample_index;
       EXPECT_EQ(s.boundary_resyncs, previous->boundary_resyncs) << "a resync after recovery";
     }
-    const std::optional<std::uint64_t> instant = true_instant(truth, s);
-    ASSERT_TRUE(instant.has_value()) << s.sample_index;
-    const std::uint64_t error = *instant > s.mapped_timestamp_raw_ns ? *instant - s.mapped_timestamp_raw_ns
-                                                                     : s.mapped_timestamp_raw_ns - *instant;
+    const std::optional<vb::SampleTruth> t = pelmor_test::truth_for(truth, s);
+    ASSERT_TRUE(t.has_value()) << s.sample_index;
+    const std::uint64_t error = t->raw_ns > s.mapped_timestamp_raw_ns ? t->raw_ns - s.mapped_timestamp_raw_ns
+                                                                      : s.mapped_timestamp_raw_ns - t->raw_ns;
     EXPECT_LE(error, std::uint64_t{s.phase_uncertainty_us} * 1000) << s.sample_index;
     previous = &s;
     ++judged;
