@@ -161,4 +161,32 @@ INSTANTIATE_TEST_SUITE_P(BothRates, StretchedSnapshotPeriod, testing::Values(25U
                            return std::to_string(param_info.param) + "Hz";
                          });
 
+// A burst of lost edges (seen as gaps or not) and extra ones.
+class EdgeBurst : public testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(EdgeBurst, EndsInCleanDeliveryWithinTwoSeconds) {
+  const std::uint32_t rate = GetParam();
+  vb::reset(vb::Config::ideal());
+  StallingClient client(rate);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_TRUE(client.wait_for(5, 10s));
+  const std::uint64_t edges_before = vb::edges_produced();
+  vb::drop_edges(vb::Trigger{2, 2});
+  vb::suppress_edges(vb::Trigger{6, 3});
+  vb::spurious_edges(vb::Trigger{10, 3});
+  while (vb::edges_produced() < edges_before + 16) std::this_thread::sleep_for(5ms);
+  const std::uint64_t burst_end = pelmor_test::raw_now_ns();
+  const bool delivered = client.wait_past(burst_end + 3'000'000'000, 20s);
+  pelmor_stop(client.handle);
+  const std::string log = testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(delivered) << log;
+  expect_clean_after(client.copy(), burst_end + 2'000'000'000, rate, log);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothRates, EdgeBurst, testing::Values(25U, 30U),
+                         [](const testing::TestParamInfo<std::uint32_t>& param_info) {
+                           return std::to_string(param_info.param) + "Hz";
+                         });
+
 }  // namespace
