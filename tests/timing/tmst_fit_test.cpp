@@ -170,6 +170,7 @@ TEST(WideAnchors, AWideOlderAnchorIsDroppedOnlyWhenFarWiderThanItsPeers) {
   EXPECT_TRUE(mapper_with_halves({10000, 30001, 10000, 10000}).drop_wide_anchor());
   EXPECT_FALSE(mapper_with_halves({1000, 1000, 1000, 90000}).drop_wide_anchor());     // the newest stays
   EXPECT_TRUE(mapper_with_halves({1000, 90000, 1000}).drop_wide_anchor());  // two peers are enough
+  EXPECT_FALSE(mapper_with_halves({10000, 100000, 40000}).drop_wide_anchor());  // of two, the upper is the median
   TmstMapper tied = mapper_with_halves({1000, 90000, 90000, 1000, 1000});
   EXPECT_TRUE(tied.drop_wide_anchor());
   EXPECT_EQ(tied.anchors[1].tick, 30000U);  // of two equally wide, the older goes
