@@ -56,21 +56,23 @@ bool Run::admit(const BridgedEvent& event, const FifoBatch* batch, std::uint32_t
 }
 
 // One event per remaining sample, waiting for late ones; false when the batch
-// was given up.
+// was given up. Everything already readable is taken before the first wait.
 bool Run::gather_events(const FifoBatch& batch, std::uint32_t remaining_samples) {
   BridgedEvent incoming;
-  while (line_->read_line_event(incoming, 0)) {
-    if (!admit(incoming, &batch, remaining_samples)) return false;
-  }
-  while (core_.short_of_events(remaining_samples)) {
-    if (!running_.load()) return false;
-    if (!line_->read_line_event(incoming, static_cast<int>(profile_.pairing_timeout_ms))) {
+  bool waiting = false;
+  for (;;) {
+    if (waiting && !core_.short_of_events(remaining_samples)) return true;
+    if (waiting && !running_.load()) return false;
+    const int timeout_ms = waiting ? static_cast<int>(profile_.pairing_timeout_ms) : 0;
+    if (line_->read_line_event(incoming, timeout_ms)) {
+      if (!admit(incoming, &batch, remaining_samples)) return false;
+    } else if (waiting) {
       resync(core_.batch_mismatch(remaining_samples), &batch);
       return false;
+    } else {
+      waiting = true;
     }
-    if (!admit(incoming, &batch, remaining_samples)) return false;
   }
-  return true;
 }
 
 void Run::process_batch(const FifoBatch& batch) {
