@@ -6,6 +6,7 @@
 #include "sensor/fifo_reader.hpp"
 #include "sensor/register_access.hpp"
 #include "sensor/sensor_config.hpp"
+#include "sensor/sensor_device.hpp"
 #include "sensor/tmst_snapshot.hpp"
 
 namespace pelmor_lusk::test {
@@ -184,6 +185,28 @@ TEST_F(FifoBoard, CountRulesOnAnEmptyFifo) {
             0U);
   ASSERT_EQ(messages_of(SpiMessageKind::fifo_data_read), 1U);
   EXPECT_EQ(log().back().transfers.at(0).len, 2081U);
+}
+
+// The streaming worker's snapshots put bank 0 back once more when they fail:
+// the snapshot's own restore may have failed with it.
+TEST(SensorDeviceSnapshots, AStreamingSnapshotThatFailsPutsBank0BackOnceMore) {
+  vb::reset(vb::Config::ideal());
+  SensorDevice sensor(rate_profile_25hz, 1, 0);
+  sensor.open_and_configure();
+  const auto restores_after = [](std::uint64_t mark) {
+    std::size_t n = 0;
+    for (const auto& message : vb::spi_log(mark)) n += message.kind == SpiMessageKind::bank_select ? 1U : 0U;
+    return n;
+  };
+  std::uint64_t mark = vb::spi_log_mark();
+  vb::fail_spi_message(SpiMessageKind::tmst_snapshot, EIO);
+  EXPECT_THROW(sensor.snapshot_restoring_bank0(), std::runtime_error);
+  EXPECT_EQ(restores_after(mark), 2U);
+
+  mark = vb::spi_log_mark();
+  vb::fail_spi_message(SpiMessageKind::tmst_snapshot, EIO);
+  EXPECT_THROW(sensor.snapshot(), std::runtime_error);
+  EXPECT_EQ(restores_after(mark), 1U);
 }
 
 }  // namespace

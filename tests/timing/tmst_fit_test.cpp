@@ -117,6 +117,15 @@ TEST(TmstFit, KeepsFullPrecisionNearTheTopOfTheRange) {
   EXPECT_LE(m.fit.max_residual_ns, 1U);
   EXPECT_NEAR(to_double(m.fit.slope_ns_per_tick), 1001.0, 1e-3);
 
+  // A residual exactly at the limit passes.
+  TmstMapper at_limit;
+  for (std::uint64_t i = 0; i < 4; ++i) {
+    const std::uint64_t mid = base_raw_ns + i * 10'000'000;
+    at_limit.add_anchor(anchor(i * 10000, i == 0 || i == 3 ? mid + 50000 : mid - 50000), 50000);
+  }
+  EXPECT_TRUE(at_limit.fit.valid) << fit_reject_reason_name(at_limit.last_rejected.reject_reason);
+  EXPECT_EQ(at_limit.fit.max_residual_ns, 50000U);
+
   // An anchor exactly at the top of the range is still in it.
   TmstMapper top;
   for (std::uint64_t i = 0; i < 4; ++i) {
