@@ -7,9 +7,6 @@
 //
 // Prints a Markdown table on standard output, with the reasons of failed starts;
 // the library's own lines go to standard error.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "cpu_hogs.hpp"
 #include "pelmor.h"
 #include "pelmor_vboard.hpp"
 
@@ -76,35 +74,6 @@ Options parse(int argc, char** argv) {
   }
   return o;
 }
-
-// Busy child processes, ended with the object.
-class CpuHogs {
- public:
-  explicit CpuHogs(unsigned count) {
-    for (unsigned i = 0; i < count; ++i) {
-      const pid_t pid = ::fork();
-      if (pid == 0) {
-        // As `yes > /dev/null` does: a system call per buffer, so the scheduler
-        // switches to and from it constantly.
-        const int null_fd = ::open("/dev/null", O_WRONLY);
-        static const char buffer[8192] = {'y'};
-        for (;;) {
-          if (::write(null_fd, buffer, sizeof buffer) < 0) ::_exit(1);
-        }
-      }
-      if (pid > 0) pids_.push_back(pid);
-    }
-  }
-  ~CpuHogs() {
-    for (pid_t pid : pids_) ::kill(pid, SIGKILL);
-    for (pid_t pid : pids_) ::waitpid(pid, nullptr, 0);
-  }
-  CpuHogs(const CpuHogs&) = delete;
-  CpuHogs& operator=(const CpuHogs&) = delete;
-
- private:
-  std::vector<pid_t> pids_;
-};
 
 struct Deliveries {
   std::mutex mutex;
@@ -201,7 +170,7 @@ int main(int argc, char** argv) {
 
   std::vector<RateResult> results;
   {
-    CpuHogs hogs(o.hogs);
+    pelmor_tools::CpuHogs hogs(o.hogs);
     for (unsigned rate : o.rates) results.push_back(run_rate(rate, o, log));
   }
 

@@ -12,9 +12,6 @@
 //
 // Prints one summary line per check and exits 1 when any invariant broke.
 #include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "cpu_hogs.hpp"
 #include "pelmor.h"
 #include "pelmor_vboard.hpp"
 
@@ -114,29 +112,14 @@ long resident_kb() {
   return -1;
 }
 
-// Busy child processes, ended with the object.
-class CpuHogs {
- public:
-  explicit CpuHogs(unsigned count) {
-    for (unsigned i = 0; i < count; ++i) {
-      const pid_t pid = ::fork();
-      if (pid == 0) {
-        volatile std::uint64_t spin = 0;
-        for (;;) spin = spin + 1;
-      }
-      if (pid > 0) pids_.push_back(pid);
-    }
-  }
-  ~CpuHogs() {
-    for (pid_t pid : pids_) ::kill(pid, SIGKILL);
-    for (pid_t pid : pids_) ::waitpid(pid, nullptr, 0);
-  }
-  CpuHogs(const CpuHogs&) = delete;
-  CpuHogs& operator=(const CpuHogs&) = delete;
-
- private:
-  std::vector<pid_t> pids_;
-};
+pelmor_handle make_handle(std::uint32_t rate) {
+  pelmor_config c{};
+  c.struct_size = sizeof c;
+  c.sample_rate_hz = rate;
+  c.mode = 1;
+  pelmor_handle handle = nullptr;
+  return pelmor_create(&c, &handle) == PELMOR_OK ? handle : nullptr;
+}
 
 // What the callback saw in the current run.
 struct RunRecord {
@@ -255,15 +238,11 @@ int soak(const Options& o) {
   vb::Config config = o.realistic ? vb::Config::realistic() : vb::Config::ideal();
   config.seed = o.seed;
   vb::reset(config);
-  CpuHogs hogs(o.hogs);
+  pelmor_tools::CpuHogs hogs(o.hogs);
   std::mt19937_64 rng(o.seed);
 
-  pelmor_config c{};
-  c.struct_size = sizeof c;
-  c.sample_rate_hz = o.rate;
-  c.mode = 1;
-  pelmor_handle handle = nullptr;
-  if (pelmor_create(&c, &handle) != PELMOR_OK) return 1;
+  pelmor_handle handle = make_handle(o.rate);
+  if (handle == nullptr) return 1;
   RunRecord record;
   pelmor_set_callback(handle, &on_sample, &record);
   Totals totals;
@@ -323,12 +302,8 @@ int cycles(const Options& o) {
     // The board's own records (truth, SPI log) grow with every sample it makes;
     // a power-on per cycle keeps them out of the library's figures.
     vb::reset(config);
-    pelmor_config c{};
-    c.struct_size = sizeof c;
-    c.sample_rate_hz = o.rate;
-    c.mode = 1;
-    pelmor_handle handle = nullptr;
-    if (pelmor_create(&c, &handle) != PELMOR_OK) return 1;
+    pelmor_handle handle = make_handle(o.rate);
+    if (handle == nullptr) return 1;
     pelmor_set_callback(handle, &on_sample, &record);
     if (start_run(handle, totals)) {
       const std::uint64_t wanted = record.delivered + 1;
