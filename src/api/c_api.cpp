@@ -102,7 +102,6 @@ int32_t pelmor_set_callback(pelmor_handle handle, pelmor_sample_callback callbac
     std::shared_ptr<PelmorCallbackState> state = handle->callback_state;
     handle->impl->install_callback(
         pelmor_lusk::SampleCallback::bind<PelmorCallbackState, forward_sample>(state));
-    state.reset();
     std::lock_guard<std::mutex> lock(handle->callback_state->mutex);
     handle->callback_state->callback = callback;
     handle->callback_state->user_data = user_data;

@@ -35,6 +35,13 @@ TEST(UnwrapTick, ExtendsTwentyBitReadingsAcrossWraps) {
   EXPECT_EQ(unwrap_tick(timed, static_cast<std::uint32_t>((far + 20) & 0xFFFFF)), far + 20);  // no host instant
   EXPECT_EQ(timed.wrap_count, 3U);
 
+  // Exactly half a turn ahead of the plain reading is still that reading's turn.
+  TmstUnwrapState half{};
+  unwrap_tick(half, 0, t0);
+  EXPECT_EQ(unwrap_tick(half, 10, t0 + (10 + 0x80000) * 1000), 10U);
+
+  TmstUnwrapState widest{31};
+  EXPECT_EQ(unwrap_tick(widest, 0x7FFFFFFF), 0x7FFFFFFFU);  // 31 bits is the widest allowed
   for (std::uint32_t width : {0U, 32U}) {
     TmstUnwrapState bad{width};
     EXPECT_EQ(error_of<std::invalid_argument>([&] { unwrap_tick(bad, 1); }), "timestamp bit width must be 1..31");
