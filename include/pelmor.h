@@ -42,12 +42,28 @@ extern "C" {
 
 /* ---- Records ----------------------------------------------------------- */
 
+/* Opt-in features for pelmor_config.flags; with flags 0 the driver behaves
+ * exactly as described everywhere else in this header.
+ *
+ * PELMOR_FLAG_PAIRING_CHECK: over the first accepted samples of a run the
+ * driver learns the offset between each sample's INT1 stamp and its mapped
+ * time; once learned, a departure of that offset by a large part of a sensor
+ * period that persists over several samples is taken as a pairing slip (an
+ * INT1 edge lost or added without a sequence gap) and answered with a resync,
+ * logged with its own reason and counted among the boundary resyncs.
+ *
+ * PELMOR_FLAG_BRACKET_FIT: the sensor-clock map weighs each anchor by the width
+ * of its clock bracket instead of giving every anchor the same weight; the
+ * stated uncertainty stays a bound of the true error. */
+#define PELMOR_FLAG_PAIRING_CHECK 0x1u
+#define PELMOR_FLAG_BRACKET_FIT 0x2u
+
 /* Configuration, filled by the caller and read by pelmor_create(). */
 typedef struct pelmor_config {
     uint32_t struct_size;    /* must be sizeof(pelmor_config), 48 */
     uint32_t sample_rate_hz; /* delivered sample rate: 25 or 30 */
     uint32_t mode;           /* must be 1 */
-    uint32_t flags;          /* must be 0 */
+    uint32_t flags;          /* 0, or PELMOR_FLAG_* bits (opt-in features) */
     uint32_t strict_timing;  /* 0: a timing fault drops the sample and is counted;
                                 1: a timing fault stops the driver (see
                                 pelmor_is_running) */
@@ -109,7 +125,7 @@ typedef void (*pelmor_sample_callback)(const pelmor_sample* sample, void* user_d
  * *out_handle is set to NULL before anything else is checked (when out_handle
  * itself is not NULL) and receives the handle on success.
  * Returns PELMOR_OK, PELMOR_ERR_INVALID_ARGUMENT (NULL pointer, wrong
- * struct_size, rate other than 25/30, mode other than 1, non-zero flags,
+ * struct_size, rate other than 25/30, mode other than 1, an unknown flags bit,
  * strict_timing above 1, non-zero reserved word) or PELMOR_ERR_INTERNAL. */
 int32_t pelmor_create(const pelmor_config* config, pelmor_handle* out_handle);
 

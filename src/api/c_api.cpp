@@ -9,6 +9,7 @@
 #include "api/callback_forwarding.hpp"
 #include "api/handle.hpp"
 #include "api/status.hpp"
+#include "common/run_options.hpp"
 #include "common/text.hpp"
 #include "driver/driver.hpp"
 #include "pelmor.h"
@@ -22,11 +23,14 @@ void forward_sample(PelmorCallbackState& state, const pelmor_lusk::ImuSample& sa
   pelmor_lusk::deliver_sample(state, sample);
 }
 
+static_assert(PELMOR_FLAG_PAIRING_CHECK == pelmor_lusk::run_flag_pairing_check &&
+              PELMOR_FLAG_BRACKET_FIT == pelmor_lusk::run_flag_bracket_fit);
+
 bool config_is_valid(const pelmor_config& config) {
   if (config.struct_size != sizeof(pelmor_config)) return false;
   if (config.sample_rate_hz != 30 && config.sample_rate_hz != 25) return false;
   if (config.mode != 1) return false;
-  if (config.flags != 0) return false;
+  if ((config.flags & ~pelmor_lusk::run_known_flags) != 0) return false;
   if (config.strict_timing > 1) return false;
   for (std::uint32_t word : config.reserved) {
     if (word != 0) return false;
@@ -44,7 +48,8 @@ int32_t pelmor_create(const pelmor_config* config, pelmor_handle* out_handle) {
   if (config == nullptr || !config_is_valid(*config)) return PELMOR_ERR_INVALID_ARGUMENT;
   try {
     auto handle = std::make_unique<pelmor_driver>();
-    handle->impl = std::make_unique<Driver::Impl>(config->sample_rate_hz, config->strict_timing != 0);
+    handle->impl = std::make_unique<Driver::Impl>(
+        config->sample_rate_hz, pelmor_lusk::RunOptions::from_config(config->flags, config->strict_timing != 0));
     handle->callback_state = std::make_shared<PelmorCallbackState>();
     *out_handle = handle.release();
     return PELMOR_OK;

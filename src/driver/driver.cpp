@@ -19,8 +19,8 @@ pelmor_runtime_health make_health_snapshot(std::uint32_t epoch, std::uint64_t sa
   return health;
 }
 
-Driver::Impl::Impl(std::uint32_t sample_rate_hz, bool strict_timing)
-    : sample_rate_(sample_rate_hz), strict_timing_(strict_timing), profile_(rate_profile_for(sample_rate_hz)) {
+Driver::Impl::Impl(std::uint32_t sample_rate_hz, const RunOptions& options)
+    : sample_rate_(sample_rate_hz), options_(options), profile_(rate_profile_for(sample_rate_hz)) {
   health_snapshot_.struct_size = sizeof(pelmor_runtime_health);
 }
 
@@ -71,7 +71,7 @@ void Driver::Impl::start() {
   }
   snapshot_valid_ = false;
 
-  auto run = std::make_unique<Run>(profile_, sample_rate_, driver_mode_word, strict_timing_, running_,
+  auto run = std::make_unique<Run>(profile_, sample_rate_, driver_mode_word, options_, running_,
                                    static_cast<SampleSink&>(*this));
   try {
     run->start();

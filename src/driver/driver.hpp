@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "common/rate_profile.hpp"
+#include "common/run_options.hpp"
 #include "driver/sample_callback.hpp"
 #include "pelmor.h"
 #include "pipeline/drop_accounting.hpp"
@@ -28,7 +29,7 @@ class Driver {
 class Driver::Impl final : private SampleSink {
  public:
   // Throws std::invalid_argument for a rate other than 25 or 30.
-  Impl(std::uint32_t sample_rate_hz, bool strict_timing);
+  Impl(std::uint32_t sample_rate_hz, const RunOptions& options);
   ~Impl();
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -60,7 +61,7 @@ class Driver::Impl final : private SampleSink {
   void close_epoch();
 
   const std::uint32_t sample_rate_;
-  const bool strict_timing_;
+  const RunOptions options_;
   const RateProfile& profile_;
 
   std::mutex driver_mutex_;

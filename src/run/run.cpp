@@ -2,14 +2,15 @@
 
 namespace pelmor_lusk {
 
-Run::Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t mode_word, bool strict_timing,
+Run::Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t mode_word, const RunOptions& options,
          const std::atomic<bool>& running, SampleSink& sink)
     : profile_(profile),
-      strict_timing_(strict_timing),
+      strict_timing_(options.strict_timing),
       running_(running),
       sink_(sink),
-      sensor_(profile, mode_word, strict_timing ? 1U : 0U),
-      core_(profile, sample_rate_hz, strict_timing) {}
+      sensor_(profile, mode_word, options.strict_timing ? 1U : 0U),
+      timebase_(options.bracket_fit),
+      core_(profile, sample_rate_hz, options.strict_timing) {}
 
 void Run::start() {
   sensor_.open_and_configure();

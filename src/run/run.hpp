@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "common/rate_profile.hpp"
+#include "common/run_options.hpp"
 #include "pipeline/pairing_core.hpp"
 #include "run/sample_sink.hpp"
 #include "run/sensor_anchor_source.hpp"
@@ -22,7 +23,7 @@ namespace pelmor_lusk {
 class Run {
  public:
   // running is the driver's flag: the run stops waiting once it reads false.
-  Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t mode_word, bool strict_timing,
+  Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t mode_word, const RunOptions& options,
       const std::atomic<bool>& running, SampleSink& sink);
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;

@@ -80,6 +80,8 @@ struct TmstMapper {
   std::uint32_t anchor_count = 0;
   TmstFit fit{};
   TmstFit last_rejected{};
+  // Weigh each anchor by its bracket (opt-in); plain least squares otherwise.
+  bool bracket_fit = false;
 
   // Inserts the anchor and refits; true when the resulting fit is valid. Once the
   // map is past its warm-up a failing anchor never replaces the fit in force.

@@ -9,7 +9,9 @@ bool fresh_anchor_worth_retrying(std::uint32_t attempt, std::uint32_t reason, co
 }
 
 void TmstTimebase::reset() noexcept {
+  const bool bracket_fit = mapper_.bracket_fit;
   mapper_ = TmstMapper{};
+  mapper_.bracket_fit = bracket_fit;
   // The width is the sensor's and stays.
   unwrap_.have_previous = false;
   unwrap_.previous = 0;

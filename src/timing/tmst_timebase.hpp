@@ -45,6 +45,8 @@ MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap,
 // The mapper and the counter's unwrap state of one run, kept together.
 class TmstTimebase {
  public:
+  explicit TmstTimebase(bool bracket_fit = false) noexcept { mapper_.bracket_fit = bracket_fit; }
+
   // Forgets every anchor and the counter's wrap history.
   void reset() noexcept;
 

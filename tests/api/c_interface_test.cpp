@@ -45,7 +45,8 @@ TEST(CreateValidation, EveryFieldIsChecked) {
       {"rate 200", [](pelmor_config& c) { c.sample_rate_hz = 200; }},
       {"mode 0", [](pelmor_config& c) { c.mode = 0; }},
       {"mode 2", [](pelmor_config& c) { c.mode = 2; }},
-      {"flags 1", [](pelmor_config& c) { c.flags = 1; }},
+      {"flags bit 2", [](pelmor_config& c) { c.flags = 4; }},
+      {"flags top bit with known ones", [](pelmor_config& c) { c.flags = 0x80000003U; }},
       {"strict 2", [](pelmor_config& c) { c.strict_timing = 2; }},
       {"strict 0xffffffff", [](pelmor_config& c) { c.strict_timing = 0xFFFFFFFFU; }},
       {"first reserved", [](pelmor_config& c) { c.reserved[0] = 1; }},
@@ -63,6 +64,7 @@ TEST(CreateValidation, EveryFieldIsChecked) {
     for (uint32_t strict : {0U, 1U}) {
       pelmor_config config = valid_config(rate);
       config.strict_timing = strict;
+      config.flags = strict == 0 ? PELMOR_FLAG_PAIRING_CHECK | PELMOR_FLAG_BRACKET_FIT : PELMOR_FLAG_BRACKET_FIT;
       pelmor_handle handle = nullptr;
       ASSERT_EQ(create_with(config, &handle), PELMOR_OK);
       ASSERT_NE(handle, nullptr);

@@ -14,10 +14,10 @@ namespace {
 using namespace pelmor_lusk;
 
 TEST(DriverConstruction, RefusesAnUnsupportedRate) {
-  EXPECT_NO_THROW(Driver::Impl(25, false));
-  EXPECT_NO_THROW(Driver::Impl(30, true));
+  EXPECT_NO_THROW(Driver::Impl(25, RunOptions{}));
+  EXPECT_NO_THROW(Driver::Impl(30, RunOptions{true, false, false}));
   try {
-    Driver::Impl bad(26, false);
+    Driver::Impl bad(26, RunOptions{});
     FAIL();
   } catch (const std::invalid_argument& e) {
     EXPECT_STREQ(e.what(), "unsupported sample_rate_hz; expected 25 or 30");

@@ -31,6 +31,9 @@ TEST(StreamOptions, DefaultsAndEveryAcceptedForm) {
   const StreamOptions& o = all.options;
   EXPECT_EQ(o.rate_hz, 25u);
   EXPECT_TRUE(o.strict && o.quiet);
+  EXPECT_FALSE(o.pairing_check || o.bracket_fit);
+  const StreamOptions both = parse({"--bracket-fit", "--pairing-check"}).options;
+  EXPECT_TRUE(both.pairing_check && both.bracket_fit && !both.strict);
   EXPECT_EQ(o.duration_ns, 2'500'000'000u);
   EXPECT_EQ(o.count, 7u);
   EXPECT_EQ(o.format, OutputFormat::text);  // the last one wins
@@ -52,6 +55,7 @@ TEST(StreamOptions, RefusalsNameTheProblem) {
       {{"--count", "12x"}, "--count needs a positive whole number"},
       {{"--duration", "0"}, "--duration needs a positive number"},
       {{"--strict=1"}, "takes no value"},
+      {{"--pairing-check=yes"}, "takes no value"},
       {{"--output="}, "needs a file name"},
       {{"--restart", "-1"}, "--restart needs a whole number"},
       {{"--restart", "4294967296"}, "--restart needs a whole number"},

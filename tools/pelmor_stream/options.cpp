@@ -51,6 +51,15 @@ std::string_view long_name_of_short(std::string_view arg) {
   return {};
 }
 
+// The options that take no value.
+bool* switch_of(StreamOptions& options, std::string_view name) {
+  if (name == "--strict") return &options.strict;
+  if (name == "--quiet") return &options.quiet;
+  if (name == "--pairing-check") return &options.pairing_check;
+  if (name == "--bracket-fit") return &options.bracket_fit;
+  return nullptr;
+}
+
 bool takes_value(std::string_view name) {
   return name == "--rate" || name == "--duration" || name == "--count" || name == "--format" ||
          name == "--output" || name == "--restart";
@@ -116,9 +125,9 @@ ParsedCommand parse_command_line(const std::vector<std::string>& args) {
       result.action = CommandAction::version;
       return result;
     }
-    if (name == "--strict" || name == "--quiet") {
+    if (bool* flag = switch_of(options, name)) {
       if (value) return usage_error("option '" + name + "' takes no value");
-      (name == "--strict" ? options.strict : options.quiet) = true;
+      *flag = true;
       continue;
     }
     if (!takes_value(name)) return usage_error("unknown option '" + name + "'");
@@ -176,8 +185,9 @@ std::string help_text() {
     pelmor-stream - stream and record ICM-42688 samples through libpelmor
 
 SYNOPSIS
-    pelmor-stream [--rate 25|30] [--strict] [--duration SECONDS | --count N]
-                  [--format csv|jsonl|text] [--output FILE] [--restart N] [--quiet]
+    pelmor-stream [--rate 25|30] [--strict] [--pairing-check] [--bracket-fit]
+                  [--duration SECONDS | --count N] [--format csv|jsonl|text]
+                  [--output FILE] [--restart N] [--quiet]
 
 DESCRIPTION
     Starts the driver through its public C interface, writes every delivered
@@ -199,6 +209,13 @@ OPTIONS
     --strict
         Strict timing: a timing fault stops the driver instead of dropping
         the sample; the program then ends with exit code 3.
+    --pairing-check
+        Opt-in (PELMOR_FLAG_PAIRING_CHECK): resync when a sample's INT1 stamp
+        slips by a good part of a period against its mapped time, as after an
+        interrupt edge lost or added without a sequence gap.
+    --bracket-fit
+        Opt-in (PELMOR_FLAG_BRACKET_FIT): weigh each sensor-clock anchor by
+        its clock bracket when mapping sample times.
     -d, --duration SECONDS
         Stop after this many seconds (decimals allowed). Without --duration
         and --count the program runs until it is interrupted.

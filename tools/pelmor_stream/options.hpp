@@ -20,6 +20,8 @@ inline constexpr int exit_output_failed = 4;
 struct StreamOptions {
   std::uint32_t rate_hz = 30;
   bool strict = false;
+  bool pairing_check = false;  // PELMOR_FLAG_PAIRING_CHECK
+  bool bracket_fit = false;    // PELMOR_FLAG_BRACKET_FIT
   std::uint64_t duration_ns = 0;  // 0: until a signal (or --count)
   std::uint64_t count = 0;        // 0: no limit
   OutputFormat format = OutputFormat::csv;

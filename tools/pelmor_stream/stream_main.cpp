@@ -171,6 +171,8 @@ int run(const StreamOptions& options) {
   config.sample_rate_hz = options.rate_hz;
   config.mode = 1;
   config.strict_timing = options.strict ? 1 : 0;
+  config.flags = (options.pairing_check ? PELMOR_FLAG_PAIRING_CHECK : 0U) |
+                 (options.bracket_fit ? PELMOR_FLAG_BRACKET_FIT : 0U);
   pelmor_handle handle = nullptr;
   int32_t status = pelmor_create(&config, &handle);
   if (status == PELMOR_OK) status = pelmor_set_callback(handle, on_sample, &callback_state);
