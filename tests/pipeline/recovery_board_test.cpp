@@ -201,4 +201,35 @@ INSTANTIATE_TEST_SUITE_P(BothRates, EdgeBurst, testing::Values(25U, 30U),
                            return std::to_string(param_info.param) + "Hz";
                          });
 
+// Consecutive INT1 events whose clock bracket is too wide to bridge: no sample
+// is mapped and no snapshot is taken meanwhile. A dozen stay short of the
+// drop-run escalation; forty go past it at 25 Hz.
+class BridgeOutage : public testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(BridgeOutage, EndsInCleanDeliveryWithinTwoSeconds) {
+  const std::uint64_t events = GetParam();
+  vb::reset(vb::Config::ideal());
+  StallingClient client(25);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(pelmor_start(client.handle), PELMOR_OK);
+  ASSERT_TRUE(client.wait_for(5, 10s));
+  const vb::FaultId stretch = vb::stretch_bridge(250000, vb::Trigger{1, events});
+  while (vb::fault_hits(stretch) < events) std::this_thread::sleep_for(5ms);
+  const std::uint64_t outage_end = pelmor_test::raw_now_ns();
+  const bool delivered = client.wait_past(outage_end + 3'000'000'000, 20s);
+  pelmor_stop(client.handle);
+  const std::string log = testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(delivered) << log;
+  expect_clean_after(client.copy(), outage_end + 2'000'000'000, 25, log);
+
+  const std::vector<std::string> metrics = pelmor_test::lines_starting_with(log, "GPIO395 bridge metrics: ");
+  ASSERT_EQ(metrics.size(), 1U) << log;
+  EXPECT_NE(metrics[0].find(", invalid=" + std::to_string(events) + ","), std::string::npos) << metrics[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(At25Hz, BridgeOutage, testing::Values(std::uint64_t{12}, std::uint64_t{40}),
+                         [](const testing::TestParamInfo<std::uint64_t>& param_info) {
+                           return std::to_string(param_info.param) + "Events";
+                         });
+
 }  // namespace

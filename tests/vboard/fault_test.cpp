@@ -194,11 +194,34 @@ TEST(VboardFaults, SentinelAndStalledFifo) {
   EXPECT_FALSE(pv::sample(0)->in_fifo);
 }
 
+// The reading thread's next two MONOTONIC reads after a hit event are held.
+TEST(VboardFaults, BridgeStretchHoldsTheReadersNextTwoMonotonicReads) {
+  pv::reset();
+  Line line("gpiochip0");
+  Spi spi;
+  constexpr std::int64_t hold_ns = 20'000'000;
+  const auto stretch = pv::stretch_bridge(hold_ns, pv::Trigger::once(2));
+  spi.stream(0x07);
+  const auto monotonic_ns = [] {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return std::int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
+  };
+  ASSERT_EQ(seqnos(line, 2).size(), 2u);
+  EXPECT_EQ(pv::fault_hits(stretch), 1u);
+  const std::int64_t first = monotonic_ns();
+  const std::int64_t second = monotonic_ns();
+  monotonic_ns();
+  EXPECT_GE(second - first, hold_ns);
+  ASSERT_EQ(seqnos(line, 1).size(), 1u);
+  EXPECT_EQ(pv::fault_hits(stretch), 1u) << "once";
+}
+
 TEST(VboardFaults, EnvironmentConfiguresBoardAndFaults) {
   ::setenv("PELMOR_VBOARD_PROFILE", "ideal", 1);
   ::setenv("PELMOR_VBOARD_WHO_AM_I", "0x48", 1);
   ::setenv("PELMOR_VBOARD_CHIPS", "gpiochip2=34120000.gpio:32:16,gpiochip5=x:4:none", 1);
-  ::setenv("PELMOR_VBOARD_FAULTS", "spi-short:kind=tmst_snapshot:bytes=2;drop-edge:nth=2", 1);
+  ::setenv("PELMOR_VBOARD_FAULTS", "spi-short:kind=tmst_snapshot:bytes=2;drop-edge:nth=2;bridge-stretch:ns=1000:count=0", 1);
   pv::reset_from_environment();
   for (const char* name : {"PELMOR_VBOARD_PROFILE", "PELMOR_VBOARD_WHO_AM_I", "PELMOR_VBOARD_CHIPS",
                            "PELMOR_VBOARD_FAULTS"}) {

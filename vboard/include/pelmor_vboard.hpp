@@ -329,6 +329,10 @@ FaultId stall_fifo(Trigger when);
 // Reads of a GPIO line descriptor fail with error_number before taking an event
 // (EAGAIN: a wake-up whose event is gone by the time of the read).
 FaultId fail_line_read(int error_number, Trigger when = {});
+// INT1 events (counted as line reads hand them out) after which the reading
+// thread's next two CLOCK_MONOTONIC reads are each held extra_ns: the clock
+// bracket a driver takes right after the read spans at least extra_ns.
+FaultId stretch_bridge(std::uint64_t extra_ns, Trigger when = {});
 
 // Presence and identity, effective for the next open / directory listing / reset.
 void set_spidev_present(bool present);

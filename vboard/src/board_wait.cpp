@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "board.hpp"
+#include "monotonic_hold.hpp"
 #include "real.hpp"
 
 namespace pelmor_vboard::detail {
@@ -52,7 +53,10 @@ ssize_t Board::read_line(int fd, void* buf, std::size_t count) {
       if (const auto error = faults.line_read_error()) return -*error;
       advance_to(raw_now());
       const ssize_t got = gpio_.read_events(fd, buf, count);
-      if (got > 0) return got;
+      if (got > 0) {
+        if (const auto stretch = faults.bridge_stretch_ns()) hold_next_monotonic_reads(*stretch);
+        return got;
+      }
       const int fl = ::fcntl(fd, F_GETFL);
       if (fl >= 0 && (fl & O_NONBLOCK)) return -EAGAIN;
     }

@@ -296,6 +296,12 @@ PELMOR_VBOARD_API FaultId sentinel_samples(Trigger when) { return add(FaultType:
 
 PELMOR_VBOARD_API FaultId stall_fifo(Trigger when) { return add(FaultType::stall_fifo, when); }
 
+PELMOR_VBOARD_API FaultId stretch_bridge(std::uint64_t extra_ns, Trigger when) {
+  Fault f = fault_of(FaultType::stretch_bridge, when);
+  f.amount = extra_ns;
+  return add(f);
+}
+
 PELMOR_VBOARD_API FaultId fail_line_read(int error_number, Trigger when) {
   Fault f = fault_of(FaultType::fail_line_read, when);
   f.error_number = error_number;

@@ -76,7 +76,7 @@ bool parse_fault(const std::string& text, Fault& f) {
       {"register-read", FaultType::corrupt_read}, {"drop-edge", FaultType::drop_edge},
       {"suppress-edge", FaultType::suppress_edge}, {"spurious-edge", FaultType::spurious_edge},
       {"sentinel", FaultType::sentinel},          {"stall-fifo", FaultType::stall_fifo},
-      {"line-read-error", FaultType::fail_line_read},
+      {"line-read-error", FaultType::fail_line_read}, {"bridge-stretch", FaultType::stretch_bridge},
   };
   bool known = false;
   for (const auto& [n, t] : names) {
@@ -89,7 +89,7 @@ bool parse_fault(const std::string& text, Fault& f) {
   f.error_number = EIO;
   if (f.type == FaultType::corrupt_read) f.when = Trigger::from();
   if (f.type == FaultType::short_spi) f.amount = 2;
-  if (f.type == FaultType::stretch_spi) f.amount = 250000;
+  if (f.type == FaultType::stretch_spi || f.type == FaultType::stretch_bridge) f.amount = 250000;
   for (std::size_t i = 1; i < parts.size(); ++i) {
     const auto eq = parts[i].find('=');
     if (eq == std::string::npos) return false;
@@ -165,6 +165,11 @@ std::optional<int> FaultBook::line_read_error() {
   if (const Fault* f = firing(FaultType::fail_line_read, SpiMessageKind::any, IoctlTarget::any)) {
     return f->error_number;
   }
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> FaultBook::bridge_stretch_ns() {
+  if (const Fault* f = firing(FaultType::stretch_bridge, SpiMessageKind::any, IoctlTarget::any)) return f->amount;
   return std::nullopt;
 }
 

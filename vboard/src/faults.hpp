@@ -15,7 +15,7 @@ namespace pelmor_vboard::detail {
 
 enum class FaultType : std::uint8_t {
   fail_ioctl, fail_spi, short_spi, stretch_spi, corrupt_read,
-  drop_edge, suppress_edge, spurious_edge, sentinel, stall_fifo, fail_line_read,
+  drop_edge, suppress_edge, spurious_edge, sentinel, stall_fifo, fail_line_read, stretch_bridge,
 };
 
 struct Fault {
@@ -55,6 +55,9 @@ class FaultBook {
   // An errno to fail with; an error number of 0 still fails the call (returning 0).
   std::optional<int> ioctl_error(IoctlTarget target);
   std::optional<int> line_read_error();
+  // Asked once per INT1 event a line read hands out: how long each of the next
+  // two CLOCK_MONOTONIC reads on the reading thread is held.
+  std::optional<std::uint64_t> bridge_stretch_ns();
   // 0 when the message goes through.
   int spi_error(SpiMessageKind kind);
   std::optional<std::uint64_t> stretch_ns(SpiMessageKind kind);

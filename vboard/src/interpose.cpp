@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,6 +25,7 @@
 
 #include "board.hpp"
 #include "environment.hpp"
+#include "monotonic_hold.hpp"
 #include "real.hpp"
 
 #define PV_EXPORT extern "C" __attribute__((visibility("default")))
@@ -81,6 +83,24 @@ PV_REAL(rewinddir, void, (DIR*))
 PV_REAL(closedir, int, (DIR*))
 PV_REAL(dup2, int, (int, int))
 PV_REAL(dup3, int, (int, int, int))
+PV_REAL(clock_gettime, int, (clockid_t, struct timespec*))
+
+struct MonotonicHold {
+  std::uint32_t reads_left = 0;
+  std::uint64_t ns = 0;
+};
+constinit thread_local MonotonicHold monotonic_hold{};
+
+void serve_monotonic_hold() {
+  MonotonicHold& hold = monotonic_hold;
+  if (hold.reads_left == 0) return;
+  --hold.reads_left;
+  const int saved = errno;
+  struct timespec wait{static_cast<time_t>(hold.ns / 1000000000ULL), static_cast<long>(hold.ns % 1000000000ULL)};
+  struct timespec left{};
+  while (::nanosleep(&wait, &left) != 0 && errno == EINTR) wait = left;
+  errno = saved;
+}
 
 // ---- /dev resolution ---------------------------------------------------------------
 
@@ -336,7 +356,19 @@ int real_ppoll(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout, 
   return static_cast<int>(::syscall(SYS_ppoll, fds, nfds, timeout, sigmask, _NSIG / 8));
 }
 
+void hold_next_monotonic_reads(std::uint64_t ns) noexcept { monotonic_hold = MonotonicHold{2, ns}; }
+
 }  // namespace pelmor_vboard::detail
+
+// ---- clocks -------------------------------------------------------------------------------
+
+PV_EXPORT int pv_clock_gettime(clockid_t id, struct timespec* ts) __asm__("clock_gettime");
+int pv_clock_gettime(clockid_t id, struct timespec* ts) {
+  const auto f = next_clock_gettime();
+  const int r = f != nullptr ? f(id, ts) : static_cast<int>(::syscall(SYS_clock_gettime, id, ts));
+  if (id == CLOCK_MONOTONIC) serve_monotonic_hold();
+  return r;
+}
 
 // ---- open ---------------------------------------------------------------------------------
 
