@@ -144,6 +144,10 @@ void record_resync_success(TimingDropCounters& c, std::uint32_t reason,
     resyncs = &c.timing_drop_run_resyncs;
     drops = &c.timing_drop_run_resync_drops;
     events = &c.timing_drop_run_discarded_gpio_events;
+  } else if (reason == recovery_pairing_slip) {
+    resyncs = &c.pairing_slip_resyncs;
+    drops = &c.pairing_slip_resync_drops;
+    events = &c.pairing_slip_discarded_gpio_events;
   }
   *resyncs += 1;
   *drops += discarded_fifo_samples;

@@ -54,6 +54,10 @@ struct TimingDropCounters {
   std::uint32_t timing_drop_run_resyncs = 0;
   std::uint32_t timing_drop_run_resync_drops = 0;
   std::uint32_t timing_drop_run_discarded_gpio_events = 0;
+  // Resyncs called for by the opt-in pairing check; not in the summary line.
+  std::uint32_t pairing_slip_resyncs = 0;
+  std::uint32_t pairing_slip_resync_drops = 0;
+  std::uint32_t pairing_slip_discarded_gpio_events = 0;
   std::uint32_t drop_event_count = 0;    // phase decisions
   std::uint32_t drop_sample_count = 0;
   std::uint32_t boundary_resyncs = 0;    // sequence-gap events only

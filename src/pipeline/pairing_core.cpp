@@ -8,12 +8,15 @@
 
 namespace pelmor_lusk {
 
-PairingCore::PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing) noexcept
+PairingCore::PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing,
+                         bool pairing_check) noexcept
     : profile_(profile),
       sample_rate_hz_(sample_rate_hz),
       strict_timing_(strict_timing),
       calibration_(phase_calibration_of(profile)),
-      decimator_(profile) {}
+      decimator_(profile) {
+  if (pairing_check) slip_check_.emplace(profile.nominal_step_ticks * tmst_nominal_ns_per_tick);
+}
 
 std::optional<ResyncRequest> PairingCore::admit_event(const BridgedEvent& event) {
   const EventMatchDecision decision = decide_event_match(event, pending_.size());
@@ -150,6 +153,12 @@ SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const Mapper
     return verdict;
   }
 
+  if (std::optional<ResyncRequest> slip = has_axis_sentinel(packet) ? std::nullopt : check_pairing(event, mapped_ns)) {
+    verdict.action = SampleAction::resync;
+    verdict.resync = std::move(*slip);
+    return verdict;
+  }
+
   phase_.on_accept();
   advance_step_reference(step_, gate);
   pending_.pop_front();
@@ -180,6 +189,21 @@ SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const Mapper
     fill_sample(packet, event, mapped_ns, outcome.mapping.uncertainty_us, wrap_count, verdict.sample);
   }
   return verdict;
+}
+
+std::optional<ResyncRequest> PairingCore::check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns) {
+  if (!slip_check_) return std::nullopt;
+  const std::optional<PairingSlip> slip = slip_check_->observe(event.raw_ns, mapped_ns);
+  if (!slip) return std::nullopt;
+  // Seen by a client like a sequence gap: a boundary resync of the run.
+  counters_.boundary_resyncs += 1;
+  ResyncRequest request;
+  request.reason = recovery_pairing_slip;
+  request.message = format_pairing_slip_message(*slip);
+  request.discarded_fifo_samples = current_remaining_;
+  request.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
+  request.trigger = event;
+  return request;
 }
 
 void PairingCore::fill_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
@@ -231,6 +255,7 @@ void PairingCore::resync_succeeded(const ResyncRequest& request, std::string_vie
       format_resync_success_line(report, arm, request.discarded_gpio_events_pre_recovery, attempts));
   record_resync_success(counters_, request.reason, request.discarded_fifo_samples,
                         discarded_gpio_events_total(arm, request.discarded_gpio_events_pre_recovery));
+  if (slip_check_) slip_check_->rearmed(request.reason == recovery_pairing_slip);
 }
 
 void PairingCore::resync_retrying(std::string_view report, std::uint32_t attempt, std::string_view error) const {
@@ -251,6 +276,7 @@ void PairingCore::begin_arm() noexcept {
   runtime_boundary_context_ = false;
   runtime_arm_ = ArmBoundaryReport{};
   phase_ = PhaseAlignmentState{};
+  if (slip_check_) slip_check_->rearmed(false);
 }
 
 void PairingCore::set_runtime_boundary(const ArmBoundaryReport& arm) noexcept {

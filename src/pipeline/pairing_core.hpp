@@ -15,6 +15,7 @@
 #include "pipeline/decimator.hpp"
 #include "pipeline/drop_accounting.hpp"
 #include "pipeline/imu_sample.hpp"
+#include "pipeline/pairing_slip.hpp"
 #include "pipeline/pending_event_queue.hpp"
 #include "pipeline/phase_alignment.hpp"
 #include "pipeline/resync_report.hpp"
@@ -70,7 +71,9 @@ inline PhaseCalibration phase_calibration_of(const RateProfile& profile) noexcep
 
 class PairingCore {
  public:
-  PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing) noexcept;
+  // pairing_check turns on the opt-in pairing-slip check.
+  PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing,
+              bool pairing_check = false) noexcept;
 
   // --- Events ---
   // Queues the event, or asks for a resync; the caller fills in
@@ -123,6 +126,8 @@ class PairingCore {
   // After a timing drop: next, or a resync that rebuilds the map once a second
   // of samples has been dropped in a row since the last arm.
   SampleVerdict after_timing_drop();
+  // A resync when the pairing-slip check, if on, sees a slip at this sample.
+  std::optional<ResyncRequest> check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns);
   void fill_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
                    std::uint32_t uncertainty_us, std::uint64_t wrap_count, ImuSample& sample);
 
@@ -130,6 +135,7 @@ class PairingCore {
   std::uint32_t sample_rate_hz_;
   bool strict_timing_;
   PhaseCalibration calibration_;
+  std::optional<PairingSlipCheck> slip_check_;  // set when the check is on
 
   PendingEventQueue pending_;
   TimingDropCounters counters_;

@@ -10,7 +10,7 @@ Run::Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t
       sink_(sink),
       sensor_(profile, mode_word, options.strict_timing ? 1U : 0U),
       timebase_(options.bracket_fit),
-      core_(profile, sample_rate_hz, options.strict_timing) {}
+      core_(profile, sample_rate_hz, options.strict_timing, options.pairing_check) {}
 
 void Run::start() {
   sensor_.open_and_configure();

@@ -32,8 +32,8 @@ inline OutcomeEdit mapped_at(std::uint64_t raw_ns) {
 }
 
 struct PairingScript {
-  explicit PairingScript(const RateProfile& rate, bool strict = false)
-      : profile(rate), core(rate, rate.rate_hz, strict), mapper(spanning_ideal_mapper()) {}
+  explicit PairingScript(const RateProfile& rate, bool strict = false, bool pairing_check = false)
+      : profile(rate), core(rate, rate.rate_hz, strict, pairing_check), mapper(spanning_ideal_mapper()) {}
 
   // As an arm does: forget the old stream, then stream from anchor_tick.
   void arm(std::uint64_t anchor_tick) {
@@ -110,6 +110,15 @@ struct PairingScript {
   }
   void stream(int count) {
     for (int i = 0; i < count; ++i) sample();
+  }
+  // The next sample, paired with an edge whose stamp is off by offset_ns (the
+  // neighbour's edge after a slip, a late interrupt).
+  SampleAction sample_with_edge_off(std::int64_t offset_ns) {
+    tick += profile.nominal_step_ticks;
+    BridgedEvent e = edge(tick);
+    e.raw_ns = static_cast<std::uint64_t>(static_cast<std::int64_t>(e.raw_ns) + offset_ns);
+    admit(e);
+    return play(packet(tick));
   }
 
   const RateProfile& profile;
