@@ -20,3 +20,19 @@ echo "== timing report"
 /usr/bin/python3 tools/pelmor-timing-report "$out/samples.csv" "$out/truth.csv" --plot "$out/timing.png"
 echo
 echo "samples: $out/samples.csv   ground truth: $out/truth.csv   plot: $out/timing.png"
+
+# The opt-in features next to the default, on the same board (same seed) with
+# one INT1 edge suppressed after 4 s: a slip the default cannot see.
+echo
+echo "== the same 10 s with one INT1 edge lost at 4 s: default, --pairing-check, --bracket-fit"
+compare=()
+for variant in default pairing-check bracket-fit; do
+  flag=()
+  [ "$variant" = default ] || flag=("--$variant")
+  tools/pelmor-vboard --board build/default/vboard/libpelmor_vboard.so.1 --profile realistic \
+    --faults "suppress-edge:nth=800" --truth-file "$out/truth-$variant.csv" -- \
+    build/default/tools/pelmor-stream --rate 30 --duration 10 --quiet --format csv \
+    --output "$out/samples-$variant.csv" "${flag[@]}" 2>"$out/stream-$variant.log"
+  compare+=(--compare "$variant=$out/samples-$variant.csv,$out/truth-$variant.csv")
+done
+/usr/bin/python3 tools/pelmor-timing-report "${compare[@]}"

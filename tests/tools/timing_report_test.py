@@ -154,6 +154,23 @@ class CommandLine(unittest.TestCase):
                 with open(os.path.join(d, "p.png"), "rb") as f:
                     self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n")
 
+    def test_side_by_side_puts_each_recording_in_its_column(self):
+        clean, truth = synthetic_run(mapped_error=pattern)
+        slipped, _ = synthetic_run(lost_edge_from=10)
+        with tempfile.TemporaryDirectory() as d:
+            t_path = self.write(d, "t.csv", truth)
+            code, out, err = self.run_main(["--compare", f"clean={self.write(d, 'a.csv', clean)},{t_path}",
+                                            "--compare", f"slipped={self.write(d, 'b.csv', slipped)},{t_path}",
+                                            "--compare", f"no-truth={self.write(d, 'c.csv', clean)}"])
+            self.assertEqual(code, 0, err)
+            self.assertRegex(out, r"\s+clean\s+slipped\s+no-truth\n")
+            self.assertRegex(out, r"mapped - truth max\|\.\|\s+2\.0\s+0\.0\s+-\n")
+            self.assertRegex(out, r"mispaired \(ground truth\)\s+0\s+30\s+-\n")
+            self.assertRegex(out, r"mispairing flagged from sample\s+none\s+10\s+none\n")
+            code, _, err = self.run_main(["--compare", "nolabel"])
+            self.assertEqual(code, 1)
+            self.assertIn("LABEL=SAMPLES[,TRUTH]", err)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
