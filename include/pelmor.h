@@ -87,7 +87,8 @@ typedef struct pelmor_sample {
     uint64_t sample_index;           /* 0 for the first sample of a run */
     uint32_t phase_uncertainty_us;   /* uncertainty of mapped_timestamp_raw_ns,
                                         whole microseconds, rounded up (<= 200) */
-    uint32_t boundary_resyncs;       /* interrupt sequence-gap resyncs so far */
+    uint32_t boundary_resyncs;       /* interrupt sequence-gap resyncs so far (and
+                                        pairing slips, with PELMOR_FLAG_PAIRING_CHECK) */
     uint32_t batch_failures;         /* failed FIFO batches so far */
     uint32_t total_drops;            /* samples dropped so far */
 } pelmor_sample;
@@ -97,7 +98,8 @@ typedef struct pelmor_runtime_health {
     uint32_t struct_size;                /* set to 48 by the caller */
     uint32_t epoch;                      /* run number (1, 2, ...; never 0) */
     uint64_t samples_delivered;          /* samples handed to the callback path */
-    uint32_t boundary_resyncs;           /* interrupt sequence-gap resyncs */
+    uint32_t boundary_resyncs;           /* interrupt sequence-gap resyncs (and pairing
+                                            slips, with PELMOR_FLAG_PAIRING_CHECK) */
     uint32_t batch_failures;             /* failed FIFO batches or resyncs */
     uint32_t total_drops;                /* all dropped samples */
     uint32_t uncertainty_over_200_drops; /* drops for uncertainty above 200 us */

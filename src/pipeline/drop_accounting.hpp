@@ -60,7 +60,7 @@ struct TimingDropCounters {
   std::uint32_t pairing_slip_discarded_gpio_events = 0;
   std::uint32_t drop_event_count = 0;    // phase decisions
   std::uint32_t drop_sample_count = 0;
-  std::uint32_t boundary_resyncs = 0;    // sequence-gap events only
+  std::uint32_t boundary_resyncs = 0;    // sequence-gap events, and slips when the pairing check is on
   std::uint32_t batch_failures = 0;      // FIFO reads that failed
 
   std::uint32_t last_summary_total = 0;  // total_drops at the last summary
