@@ -78,6 +78,7 @@ TEST(PairingSlipCheck, LateInterruptsAreNotSlips) {
   offsets.push_back(latency_ns + 12'000'000);
   offsets.push_back(latency_ns);
   for (int i = 0; i < 50; ++i) offsets.push_back(latency_ns + 9'000'000);  // a burst under a quarter period
+  for (int i = 0; i < 3; ++i) offsets.push_back(latency_ns + 10'000'000);  // at it
   offsets.push_back(latency_ns + 15'000'000);  // and two more past it
   offsets.push_back(latency_ns + 15'000'000);
   offsets.push_back(latency_ns);
@@ -99,7 +100,9 @@ TEST(PairingSlipCheck, LearnsOnlyFromAQuietWindowAndAgainAfterItsOwnResyncKeepsD
   for (int i = 0; i < 3; ++i) offsets.push_back(latency_ns);
   EXPECT_EQ(slips_of(check, offsets), (std::vector<std::size_t>{18}));
   check.rearmed(true);
-  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(20, latency_ns)).empty());
+  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(3, latency_ns)).empty());
+  EXPECT_FALSE(check.learned());
+  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(15, latency_ns)).empty());
   EXPECT_EQ(check.learned_offset_ns(), latency_ns);
 
   // After any other arm, departures from the start are a slip as usual.
