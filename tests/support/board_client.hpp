@@ -42,12 +42,13 @@ struct DeliveredSample {
 
 class BoardClient {
  public:
-  explicit BoardClient(std::uint32_t rate_hz, std::uint32_t strict_timing = 0) {
+  explicit BoardClient(std::uint32_t rate_hz, std::uint32_t strict_timing = 0, std::uint32_t flags = 0) {
     pelmor_config config{};
     config.struct_size = sizeof config;
     config.sample_rate_hz = rate_hz;
     config.mode = 1;
     config.strict_timing = strict_timing;
+    config.flags = flags;
     create_status = pelmor_create(&config, &handle);
     samples_.reserve(4096);
     if (create_status == PELMOR_OK) pelmor_set_callback(handle, &BoardClient::on_sample, this);
