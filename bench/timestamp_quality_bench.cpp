@@ -777,7 +777,7 @@ void print_quality(const Options& o, const std::vector<RateResult>& results) {
               "message.\n\n",
               o.interp_batch, o.interp_window, o.hull_anchors);
   std::printf("The same %zu brackets as the library sees them (its clocks are read just outside the board), "
-              "mapped by two estimators:\n\n",
+              "mapped by other estimators:\n\n",
               o.hull_anchors);
   std::printf("| rate | estimator | samples | median | p99 | max | mean |\n|---|---|---|---|---|---|---|\n");
   for (const RateResult& r : results) {

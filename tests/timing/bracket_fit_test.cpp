@@ -35,8 +35,6 @@ TEST(BracketLine, ThroughEveryBracketOrTheLeastWidenedOne) {
   EXPECT_NEAR(to_double(widened.intercept_ns - to_q(base_raw_ns)), 5.0, 1e-9);
   EXPECT_NEAR(to_double(widened.widening_ns), 5.0, 1e-9);
 
-  const TmstAnchor one[] = {ideal(0)};
-  EXPECT_FALSE(fit_bracket_line(one).valid);
   const TmstAnchor repeated[] = {ideal(0), ideal(0)};
   EXPECT_FALSE(fit_bracket_line(repeated).valid);
 }
@@ -68,28 +66,15 @@ TEST(BracketFit, AStretchedBracketTiltsTheMidpointFitButNotTheBracketFit) {
   EXPECT_EQ(bracket.fit.max_half_window_ns, 37000U);
 }
 
-TEST(BracketFit, KeepsTheGates) {
-  // A latch 90 us off the line in a 95 us half window breaks the residual limit
-  // by itself: refused as the newest, dropped as an older wide anchor.
+TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
+  // 90 us off the line in a 95 us half window: its bracket holds the line, but
+  // the midpoint gate refuses it as it would for the midpoint fit.
   TmstMapper m = mapper(true);
-  for (std::uint64_t tick = 0; tick < 50000; tick += 10000) ASSERT_EQ(m.add_anchor(ideal(tick), 50000), tick >= 30000);
+  for (std::uint64_t tick = 0; tick < 50000; tick += 10000) m.add_anchor(ideal(tick), 50000);
   EXPECT_FALSE(m.add_anchor(anchor(50000, base_raw_ns + 50'090'000, 95000), 50000));
   EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
   EXPECT_EQ(m.anchor_count, 5U);
   EXPECT_TRUE(m.fit.valid);
-
-  TmstMapper warm = mapper(true);
-  warm.add_anchor(ideal(0), 50000);
-  warm.add_anchor(anchor(10000, base_raw_ns + 10'090'000, 95000), 50000);
-  warm.add_anchor(ideal(20000), 50000);
-  EXPECT_FALSE(warm.add_anchor(ideal(30000), 50000));
-  EXPECT_TRUE(warm.add_anchor(ideal(40000), 50000));
-  EXPECT_EQ(warm.fit.max_half_window_ns, 1000U);
-
-  // The slope gate sees the bracket line's slope.
-  TmstMapper fast = mapper(true);
-  for (std::uint64_t i = 0; i < 4; ++i) fast.add_anchor(anchor(i * 10000, base_raw_ns + i * 12'000'000), 50000);
-  EXPECT_EQ(fast.last_rejected.reject_reason, fit_reject_slope_out_of_range);
 }
 
 class StatedUncertainty : public testing::TestWithParam<bool> {};
