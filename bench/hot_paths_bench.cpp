@@ -52,8 +52,9 @@ BENCHMARK(BM_ParseFullFifoBatch);
 
 // Sixteen anchors 80 ms apart on a clock 2500 ppm fast, with bracket widths and
 // latch points as an SPI message of 10 to 25 us gives them, far from tick 0.
-TmstMapper full_mapper() {
+TmstMapper full_mapper(bool bracket_fit = false) {
   TmstMapper mapper;
+  mapper.bracket_fit = bracket_fit;
   const std::uint64_t tick0 = 7'000'000'000ULL;
   const std::uint64_t raw0 = 1'234'567'890'123'456ULL;
   for (std::uint64_t i = 0; i < tmst_anchor_capacity; ++i) {
@@ -78,6 +79,20 @@ void BM_Refit16AnchorsBinary128(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_Refit16AnchorsBinary128);
+
+// The same window through the bracket line (pelmor_config.flags bit 1).
+void BM_Refit16AnchorsBracketFit(benchmark::State& state) {
+  TmstMapper mapper = full_mapper(true);
+  if (!mapper.fit.valid || mapper.anchor_count != tmst_anchor_capacity) {
+    state.SkipWithError("the anchor window did not fit");
+    return;
+  }
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(mapper.refit(tmst_refresh_residual_limit_ns));
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_Refit16AnchorsBracketFit);
 
 void BM_MapOneTick(benchmark::State& state) {
   const TmstMapper mapper = full_mapper();

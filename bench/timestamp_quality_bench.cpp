@@ -8,6 +8,8 @@
 //       delivered event stamps (see interpolate_from_interrupts),
 //   (d) a convex-hull two-way estimator over the TMST latch brackets of the
 //       snapshot messages the library sent (see fit_bracket_hull);
+// once per pelmor_config.flags value given (the first one also drives the
+// fault runs and the cost);
 // then runs with one suppressed and one spurious INT1 edge, counting the samples
 // that carry another sample's event stamp and asking pelmor-timing-report
 // whether it flags them; and the cost: worker CPU time per delivered sample,
@@ -19,6 +21,7 @@
 //                          [--ideal-seconds=10] [--settle=5] [--rates=25,30] [--starts=5]
 //                          [--seed=1] [--out=DIR] [--report=PATH | --no-report] [--plot]
 //                          [--interp-batch=4] [--interp-window=8] [--hull-anchors=16]
+//                          [--flags=0,0x2]
 //
 // Prints Markdown tables on standard output; the library's own diagnostics go to
 // standard error.
@@ -38,6 +41,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "pelmor.h"
@@ -80,7 +84,25 @@ struct Options {
   std::size_t interp_batch = 4;
   std::size_t interp_window = 8;
   std::size_t hull_anchors = 16;
+  // pelmor_config.flags of each clean run; the first is the reference.
+  std::vector<std::uint32_t> flag_sets{0, PELMOR_FLAG_BRACKET_FIT};
 };
+
+// "flags=0x2 (bracket fit)"; "flags=0" for the specified behaviour.
+std::string flags_label(std::uint32_t flags) {
+  if (flags == 0) return "flags=0";
+  char hex[16];
+  std::snprintf(hex, sizeof hex, "0x%x", flags);
+  std::string names;
+  const auto name = [&](std::uint32_t bit, const char* text) {
+    if ((flags & bit) == 0) return;
+    names += names.empty() ? "" : " + ";
+    names += text;
+  };
+  name(PELMOR_FLAG_PAIRING_CHECK, "pairing check");
+  name(PELMOR_FLAG_BRACKET_FIT, "bracket fit");
+  return std::string("flags=") + hex + (names.empty() ? "" : " (" + names + ")");
+}
 
 [[noreturn]] void usage(const char* bad) {
   std::fprintf(stderr,
@@ -88,7 +110,8 @@ struct Options {
                "usage: pelmor_timestamp_bench [--duration=S] [--fault-duration=S] [--fault-after=S]\n"
                "         [--ideal-seconds=S] [--settle=S] [--rates=25,30] [--starts=N]\n"
                "         [--seed=N] [--out=DIR] [--report=PATH | --no-report] [--plot]\n"
-               "         [--interp-batch=N] [--interp-window=N] [--hull-anchors=N]\n",
+               "         [--interp-batch=N] [--interp-window=N] [--hull-anchors=N]\n"
+               "         [--flags=F,F...]\n",
                bad);
   std::exit(2);
 }
@@ -135,6 +158,17 @@ Options parse_options(int argc, char** argv) {
       o.interp_window = std::max<std::size_t>(1, count());
     } else if (key == "--hull-anchors") {
       o.hull_anchors = std::max<std::size_t>(2, count());
+    } else if (key == "--flags") {
+      o.flag_sets.clear();
+      for (std::size_t pos = 0; pos <= value.size();) {
+        std::size_t comma = value.find(',', pos);
+        if (comma == std::string::npos) comma = value.size();
+        const std::string f = value.substr(pos, comma - pos);
+        const unsigned long v = std::strtoul(f.c_str(), &end, 0);
+        if (f.empty() || *end != '\0' || v > 0xFFFFFFFFul) usage(argv[i]);
+        o.flag_sets.push_back(static_cast<std::uint32_t>(v));
+        pos = comma + 1;
+      }
     } else if (key == "--rates") {
       o.rates.clear();
       for (std::size_t pos = 0; pos <= value.size();) {
@@ -244,6 +278,7 @@ const char* fault_tag(Fault f) {
 
 struct Run {
   unsigned rate = 0;
+  std::uint32_t flags = 0;  // pelmor_config.flags
   Fault fault = Fault::none;
   std::int32_t start_status = PELMOR_ERR_INTERNAL;
   std::uint64_t start_ns = 0;
@@ -286,10 +321,11 @@ std::int32_t start_timed(pelmor_handle h, std::uint64_t& elapsed_ns) {
   return status;
 }
 
-Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds,
+Run run_driver(const Options& o, unsigned rate, std::uint32_t flags, Fault fault, double seconds,
                vb::Profile profile = vb::Profile::realistic) {
   Run run;
   run.rate = rate;
+  run.flags = flags;
   run.fault = fault;
   vb::reset(board_config(o, rate, seconds, profile));
 
@@ -297,6 +333,7 @@ Run run_driver(const Options& o, unsigned rate, Fault fault, double seconds,
   config.struct_size = sizeof config;
   config.sample_rate_hz = rate;
   config.mode = 1;
+  config.flags = flags;
   pelmor_handle handle = nullptr;
   if (pelmor_create(&config, &handle) != PELMOR_OK) return run;
   Recorder recorder(static_cast<std::size_t>(seconds * rate * 2) + 1024);
@@ -360,9 +397,13 @@ struct Analysis {
   std::size_t matched = 0;
   ErrorStats mapped, event, interpolated;
   ErrorStats mapped_settled;  // from settle_s after the first delivery on
+  ErrorStats stated;          // phase_uncertainty_us, in ns
+  std::size_t outside_stated = 0;  // samples further from the truth than their stated uncertainty
   LineErrors hull;                    // (d), over the board's message bounds
   LineErrors hull_library_view;       // (d), over the bounds as the library sees them
   LineErrors midpoints_library_view;  // least squares over the same, as the library fits
+  LineErrors weighted_library_view;   // the same, weighted by the inverse square half window
+  LineErrors weighted_floor_library_view;  // with the half window taken as at least weight_floor_ns
   ErrorStats latency, to_readable, readable_to_callback;
   // How much earlier / later than the board's own bounds a snapshot message
   // begins / ends as seen from just outside the board.
@@ -444,7 +485,11 @@ struct Matched {
   const vb::SampleTruth* truth;
 };
 
-enum class Estimator { hull, midpoint_least_squares };
+enum class Estimator { hull, midpoint_least_squares, weighted_least_squares, weighted_least_squares_floor };
+
+// The floor of the floored weighted candidate: about the narrowest bracket the
+// board's realistic profile gives (an 8 us message plus wire time).
+constexpr double weight_floor_ns = 5000;
 
 // Each sample mapped with the line through the last o.hull_anchors brackets that
 // were complete when it was delivered, as the library had them.
@@ -466,8 +511,11 @@ LineErrors line_errors(const std::vector<LatchBracket>& brackets, const std::vec
         const HullLine hull = fit_bracket_hull(window);
         if (hull.valid && !hull.consistent) out.inconsistent += 1;
         line = hull;
-      } else {
+      } else if (estimator == Estimator::midpoint_least_squares) {
         line = fit_midpoint_line(window);
+      } else {
+        line = fit_weighted_midpoint_line(
+            window, estimator == Estimator::weighted_least_squares_floor ? weight_floor_ns : 0.0);
       }
       fitted_with = known;
       out.windows += 1;
@@ -500,7 +548,7 @@ Analysis analyse(const Run& run, const Options& o) {
   }
 
   std::vector<Matched> matched;
-  std::vector<std::int64_t> mapped, mapped_settled, event, latency, to_readable, readable_to_callback;
+  std::vector<std::int64_t> mapped, mapped_settled, stated, event, latency, to_readable, readable_to_callback;
   const std::uint64_t settled_from =
       run.records.empty() ? 0 : run.records.front().callback_raw_ns + static_cast<std::uint64_t>(o.settle_s * 1e9);
   std::vector<InterruptInput> interrupts;
@@ -510,6 +558,8 @@ Analysis analyse(const Run& run, const Options& o) {
     const vb::SampleTruth& t = run.truth[*k];
     matched.push_back({&r, &t});
     mapped.push_back(signed_diff(r.mapped_ns, t.raw_ns));
+    stated.push_back(std::int64_t{r.uncertainty_us} * 1000);
+    if (std::llabs(mapped.back()) > stated.back()) a.outside_stated += 1;
     if (r.callback_raw_ns >= settled_from) mapped_settled.push_back(mapped.back());
     event.push_back(signed_diff(r.event_ns, t.raw_ns));
     latency.push_back(signed_diff(r.callback_raw_ns, t.raw_ns));
@@ -543,6 +593,8 @@ Analysis analyse(const Run& run, const Options& o) {
   const std::vector<LatchBracket> library_view = snapshot_brackets(run, true);
   a.hull_library_view = line_errors(library_view, matched, o, Estimator::hull);
   a.midpoints_library_view = line_errors(library_view, matched, o, Estimator::midpoint_least_squares);
+  a.weighted_library_view = line_errors(library_view, matched, o, Estimator::weighted_least_squares);
+  a.weighted_floor_library_view = line_errors(library_view, matched, o, Estimator::weighted_least_squares_floor);
 
   std::vector<const SpiEntry*> snapshots;
   for (const SpiEntry& m : run.log) {
@@ -560,6 +612,7 @@ Analysis analyse(const Run& run, const Options& o) {
 
   a.mapped = summarize(mapped);
   a.mapped_settled = summarize(mapped_settled);
+  a.stated = summarize(stated);
   a.event = summarize(event);
   a.interpolated = summarize(interpolated);
   a.latency = summarize(latency);
@@ -663,10 +716,17 @@ void note_incomplete(const Run& run) {
   if (run.records_overflowed) std::printf("- %u Hz, %s: more callbacks than recorded\n", run.rate, fault_name(run.fault));
 }
 
-struct RateResult {
+// A clean run with another pelmor_config.flags value than the reference's.
+struct FlagsRun {
   Run run;
   Analysis analysis;
+};
+
+struct RateResult {
+  Run run;  // flag_sets[0]
+  Analysis analysis;
   ReportVerdict report;
+  std::vector<FlagsRun> other_flags;
   std::vector<std::uint64_t> starts_ns;
   std::optional<Cost> ideal_cost;
 };
@@ -677,6 +737,13 @@ struct FaultResult {
   ReportVerdict report;
 };
 
+// The clean runs of one rate, the reference first.
+std::vector<std::pair<const Run*, const Analysis*>> clean_runs(const RateResult& r) {
+  std::vector<std::pair<const Run*, const Analysis*>> out{{&r.run, &r.analysis}};
+  for (const FlagsRun& f : r.other_flags) out.emplace_back(&f.run, &f.analysis);
+  return out;
+}
+
 void print_quality(const Options& o, const std::vector<RateResult>& results) {
   std::printf("### Timestamp error against the board's ground truth (us)\n\n");
   std::printf("Realistic profile, %s s per rate; every delivered sample matched to its true instant. "
@@ -686,25 +753,41 @@ void print_quality(const Options& o, const std::vector<RateResult>& results) {
   for (const RateResult& r : results) {
     const Analysis& a = r.analysis;
     const unsigned rate = r.run.rate;
-    std::printf("| %u Hz | (a) mapped_timestamp_raw_ns | %s |\n", rate, stats_cells(a.mapped).c_str());
+    const std::string tag = r.run.flags == 0 ? "" : ", " + flags_label(r.run.flags);
+    std::printf("| %u Hz | (a) mapped_timestamp_raw_ns%s | %s |\n", rate, tag.c_str(), stats_cells(a.mapped).c_str());
     std::printf("| %u Hz | (a) the same, from %s s on | %s |\n", rate, fixed(o.settle_s, 0).c_str(),
                 stats_cells(a.mapped_settled).c_str());
     std::printf("| %u Hz | (b) event_timestamp_raw_ns | %s |\n", rate, stats_cells(a.event).c_str());
     std::printf("| %u Hz | (c) interrupt interpolation | %s |\n", rate, stats_cells(a.interpolated).c_str());
     std::printf("| %u Hz | (d) convex-hull two-way | %s |\n", rate, stats_cells(a.hull.errors).c_str());
+    // Another run: its own (b) and (d), on its own edges and brackets.
+    for (const FlagsRun& f : r.other_flags) {
+      const std::string label = flags_label(f.run.flags);
+      std::printf("| %u Hz | (a) mapped_timestamp_raw_ns, %s | %s |\n", rate, label.c_str(),
+                  stats_cells(f.analysis.mapped).c_str());
+      std::printf("| %u Hz | (a) the same, from %s s on | %s |\n", rate, fixed(o.settle_s, 0).c_str(),
+                  stats_cells(f.analysis.mapped_settled).c_str());
+      std::printf("| %u Hz | (b) event_timestamp_raw_ns, same run | %s |\n", rate, stats_cells(f.analysis.event).c_str());
+      std::printf("| %u Hz | (d) convex-hull two-way, same run | %s |\n", rate,
+                  stats_cells(f.analysis.hull.errors).c_str());
+    }
   }
   std::printf("\n(c): a batch of %zu delivered samples per interrupt, period over the last %zu interrupts. "
               "(d): the last %zu TMST latch brackets complete at delivery, bounded as the board logs each snapshot "
               "message.\n\n",
               o.interp_batch, o.interp_window, o.hull_anchors);
   std::printf("The same %zu brackets as the library sees them (its clocks are read just outside the board), "
-              "mapped by two estimators:\n\n",
+              "mapped by other estimators:\n\n",
               o.hull_anchors);
   std::printf("| rate | estimator | samples | median | p99 | max | mean |\n|---|---|---|---|---|---|---|\n");
   for (const RateResult& r : results) {
     const Analysis& a = r.analysis;
     std::printf("| %u Hz | least squares through the midpoints (the library's fit, without its gates) | %s |\n",
                 r.run.rate, stats_cells(a.midpoints_library_view.errors).c_str());
+    std::printf("| %u Hz | least squares weighted by 1 / half window^2 | %s |\n", r.run.rate,
+                stats_cells(a.weighted_library_view.errors).c_str());
+    std::printf("| %u Hz | the same, half window floored at %s us | %s |\n", r.run.rate, us(weight_floor_ns).c_str(),
+                stats_cells(a.weighted_floor_library_view.errors).c_str());
     std::printf("| %u Hz | convex hull | %s |\n", r.run.rate, stats_cells(a.hull_library_view.errors).c_str());
   }
   std::printf("\n");
@@ -732,6 +815,22 @@ void print_quality(const Options& o, const std::vector<RateResult>& results) {
     }
     std::printf("\n");
     note_incomplete(r.run);
+  }
+  for (const RateResult& r : results) {
+    for (const auto& [run, analysis] : clean_runs(r)) {
+      const Analysis& a = *analysis;
+      const bool have = a.mapped.count > 0;
+      std::printf("- %u Hz, %s: %zu delivered, %zu matched, %u drops. (a) p99 <= p99 of (d) = %s us %s; "
+                  "p99 <= p99(b) / 4 = %s us %s. Stated uncertainty median / max %s / %s us; %zu samples "
+                  "further from the truth.\n",
+                  run->rate, flags_label(run->flags).c_str(), a.delivered, a.matched, run->health.total_drops,
+                  us(a.hull.errors.p99_abs_ns).c_str(),
+                  verdict(have && a.hull.errors.count > 0 && a.mapped.p99_abs_ns <= a.hull.errors.p99_abs_ns),
+                  us(static_cast<double>(a.event.p99_abs_ns) / 4).c_str(),
+                  verdict(have && 4 * a.mapped.p99_abs_ns <= a.event.p99_abs_ns), us(a.stated.median_abs_ns).c_str(),
+                  us(a.stated.max_abs_ns).c_str(), a.outside_stated);
+      if (run != &r.run) note_incomplete(*run);
+    }
   }
 }
 
@@ -813,16 +912,25 @@ int main(int argc, char** argv) {
   for (const unsigned rate : o.rates) {
     RateResult r;
     std::fprintf(stderr, "== %u Hz: %s s on the realistic profile\n", rate, fixed(o.duration_s, 0).c_str());
-    r.run = run_driver(o, rate, Fault::none, o.duration_s);
+    const std::uint32_t reference_flags = o.flag_sets.empty() ? 0 : o.flag_sets.front();
+    r.run = run_driver(o, rate, reference_flags, Fault::none, o.duration_s);
     r.analysis = analyse(r.run, o);
     r.report = write_and_report(r.run, o, o.plot);
     if (r.run.start_status == PELMOR_OK) r.starts_ns.push_back(r.run.start_ns);
+    for (std::size_t i = 1; i < o.flag_sets.size(); ++i) {
+      std::fprintf(stderr, "== %u Hz: %s s on the realistic profile, %s\n", rate, fixed(o.duration_s, 0).c_str(),
+                   flags_label(o.flag_sets[i]).c_str());
+      FlagsRun f;
+      f.run = run_driver(o, rate, o.flag_sets[i], Fault::none, o.duration_s);
+      f.analysis = analyse(f.run, o);
+      r.other_flags.push_back(std::move(f));
+    }
 
     for (const Fault f : {Fault::suppressed_edge, Fault::spurious_edge}) {
       if (o.fault_duration_s <= 0) break;
       std::fprintf(stderr, "== %u Hz: %s s with %s\n", rate, fixed(o.fault_duration_s, 0).c_str(), fault_name(f));
       FaultResult fr;
-      fr.run = run_driver(o, rate, f, o.fault_duration_s);
+      fr.run = run_driver(o, rate, reference_flags, f, o.fault_duration_s);
       fr.analysis = analyse(fr.run, o);
       fr.report = write_and_report(fr.run, o, false);
       if (fr.run.start_status == PELMOR_OK) r.starts_ns.push_back(fr.run.start_ns);
@@ -831,7 +939,7 @@ int main(int argc, char** argv) {
 
     if (o.ideal_seconds > 0) {
       std::fprintf(stderr, "== %u Hz: %s s on the ideal profile (cost only)\n", rate, fixed(o.ideal_seconds, 0).c_str());
-      const Run ideal = run_driver(o, rate, Fault::none, o.ideal_seconds, vb::Profile::ideal);
+      const Run ideal = run_driver(o, rate, reference_flags, Fault::none, o.ideal_seconds, vb::Profile::ideal);
       if (ideal.start_status == PELMOR_OK) r.ideal_cost = measure_cost(ideal);
     }
 
@@ -841,6 +949,7 @@ int main(int argc, char** argv) {
       config.struct_size = sizeof config;
       config.sample_rate_hz = rate;
       config.mode = 1;
+      config.flags = reference_flags;
       pelmor_handle h = nullptr;
       if (pelmor_create(&config, &h) != PELMOR_OK) continue;
       std::uint64_t ns = 0;

@@ -201,33 +201,55 @@ HullLine fit_bracket_hull(std::span<const LatchBracket> brackets) {
   return line;
 }
 
-TickLine fit_midpoint_line(std::span<const LatchBracket> brackets) {
+namespace {
+
+// Weighted least squares through the midpoints; weight(half window in ns).
+template <class Weight>
+TickLine midpoint_line(std::span<const LatchBracket> brackets, Weight weight) {
   TickLine line;
   if (brackets.size() < 2) return line;
   line.ref_tick = brackets.back().tick;
   line.ref_raw_ns = brackets.back().raw_start_ns;
-  const double n = static_cast<double>(brackets.size());
-  double mean_x = 0, mean_y = 0;
+  const auto x_of = [&](const LatchBracket& b) {
+    return static_cast<double>(static_cast<std::int64_t>(b.tick - line.ref_tick));
+  };
+  const auto y_of = [&](const LatchBracket& b) {
+    return (static_cast<double>(static_cast<std::int64_t>(b.raw_start_ns - line.ref_raw_ns)) +
+            static_cast<double>(static_cast<std::int64_t>(b.raw_end_ns - line.ref_raw_ns))) /
+           2;
+  };
+  double sum_w = 0, mean_x = 0, mean_y = 0;
+  for (const LatchBracket& b : brackets) sum_w += weight(static_cast<double>(b.raw_end_ns - b.raw_start_ns) / 2);
   for (const LatchBracket& b : brackets) {
-    mean_x += static_cast<double>(static_cast<std::int64_t>(b.tick - line.ref_tick)) / n;
-    mean_y += (static_cast<double>(static_cast<std::int64_t>(b.raw_start_ns - line.ref_raw_ns)) +
-               static_cast<double>(static_cast<std::int64_t>(b.raw_end_ns - line.ref_raw_ns))) /
-              (2 * n);
+    const double w = weight(static_cast<double>(b.raw_end_ns - b.raw_start_ns) / 2) / sum_w;
+    mean_x += w * x_of(b);
+    mean_y += w * y_of(b);
   }
   double sxx = 0, sxy = 0;
   for (const LatchBracket& b : brackets) {
-    const double dx = static_cast<double>(static_cast<std::int64_t>(b.tick - line.ref_tick)) - mean_x;
-    const double y = (static_cast<double>(static_cast<std::int64_t>(b.raw_start_ns - line.ref_raw_ns)) +
-                      static_cast<double>(static_cast<std::int64_t>(b.raw_end_ns - line.ref_raw_ns))) /
-                     2;
-    sxx += dx * dx;
-    sxy += dx * (y - mean_y);
+    const double w = weight(static_cast<double>(b.raw_end_ns - b.raw_start_ns) / 2);
+    const double dx = x_of(b) - mean_x;
+    sxx += w * dx * dx;
+    sxy += w * dx * (y_of(b) - mean_y);
   }
   if (sxx <= 0) return line;
   line.slope_ns_per_tick = sxy / sxx;
   line.offset_ns = mean_y - line.slope_ns_per_tick * mean_x;
   line.valid = true;
   return line;
+}
+
+}  // namespace
+
+TickLine fit_midpoint_line(std::span<const LatchBracket> brackets) {
+  return midpoint_line(brackets, [](double) { return 1.0; });
+}
+
+TickLine fit_weighted_midpoint_line(std::span<const LatchBracket> brackets, double floor_ns) {
+  return midpoint_line(brackets, [floor_ns](double half) {
+    const double h = std::max({half, floor_ns, 1.0});
+    return 1.0 / (h * h);
+  });
 }
 
 // ---- (c) Interrupt interpolation -------------------------------------------------------

@@ -105,6 +105,10 @@ HullLine fit_bracket_hull(std::span<const LatchBracket> brackets);
 // Needs two brackets with distinct ticks.
 TickLine fit_midpoint_line(std::span<const LatchBracket> brackets);
 
+// The same, each midpoint weighted by the inverse square of its half window, the
+// half window taken as at least floor_ns.
+TickLine fit_weighted_midpoint_line(std::span<const LatchBracket> brackets, double floor_ns);
+
 // ---- (c) Interrupt interpolation -------------------------------------------------------
 
 struct InterruptInput {

@@ -160,6 +160,8 @@ TEST(HullTest, AOneSidedStretchedBracketTiltsTheMidpointFitButNotTheHull) {
   // -3.25 us to one interval past the newest bracket.
   EXPECT_NEAR(fit_midpoint_line(stretched).at(next) - truth, -2000.0, 5.0);
   EXPECT_NEAR(fit_bracket_hull(stretched).at(next), truth, 1.0);
+  // Weighed by its width, the stretched bracket pulls a sixteenth as much.
+  EXPECT_NEAR(fit_weighted_midpoint_line(stretched, 0).at(next), truth, 200.0);
 }
 
 TEST(InterpolationTest, NewestOfEachBatchTakesTheInterruptStampOthersAreDatedBack) {

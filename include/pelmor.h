@@ -52,9 +52,10 @@ extern "C" {
  * INT1 edge lost or added without a sequence gap) and answered with a resync,
  * logged with its own reason and counted among the boundary resyncs.
  *
- * PELMOR_FLAG_BRACKET_FIT: the sensor-clock map weighs each anchor by the width
- * of its clock bracket instead of giving every anchor the same weight; the
- * stated uncertainty stays a bound of the true error. */
+ * PELMOR_FLAG_BRACKET_FIT: the sensor-clock map takes the middle of the lines
+ * that pass through every anchor's clock bracket instead of a least-squares
+ * line through the brackets' midpoints, so that a bracket stretched on one side
+ * no longer tilts it; the stated uncertainty stays a bound of the true error. */
 #define PELMOR_FLAG_PAIRING_CHECK 0x1u
 #define PELMOR_FLAG_BRACKET_FIT 0x2u
 

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <sstream>
+#include <span>
 #include <stdexcept>
+
+#include "timing/bracket_line.hpp"
 
 namespace pelmor_lusk {
 
@@ -154,6 +157,13 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
 
   r.slope_ns_per_tick = sxy / sxx;
   r.intercept_ns = mean_mid - r.slope_ns_per_tick * mean_tick;
+  if (bracket_fit) {
+    // Every gate below judges this line as it would the midpoint one.
+    const BracketLine line = fit_bracket_line(std::span(anchors).first(n));
+    if (!line.valid) return reject(fit_reject_degenerate_fit, false);
+    r.slope_ns_per_tick = line.slope_ns_per_tick;
+    r.intercept_ns = line.intercept_ns;
+  }
 
   for (std::uint32_t i = 0; i < n; ++i) {
     r.max_half_window_ns = std::max(r.max_half_window_ns, anchors[i].half_window_ns());

@@ -80,7 +80,8 @@ struct TmstMapper {
   std::uint32_t anchor_count = 0;
   TmstFit fit{};
   TmstFit last_rejected{};
-  // Weigh each anchor by its bracket (opt-in); plain least squares otherwise.
+  // Opt-in: the line through every anchor's bracket (fit_bracket_line) instead
+  // of least squares through the midpoints.
   bool bracket_fit = false;
 
   // Inserts the anchor and refits; true when the resulting fit is valid. Once the
@@ -91,7 +92,7 @@ struct TmstMapper {
   // Removes the widest anchor other than the newest when it is wide (see above);
   // true when one was removed. The fit is left as it was.
   bool drop_wide_anchor();
-  // Least squares over the stored anchors; true when every gate passes.
+  // Fits the stored anchors; true when every gate passes.
   bool refit(std::uint64_t residual_limit_ns);
 };
 

@@ -32,6 +32,7 @@ pelmor_runtime_health read_health(pelmor_handle handle, std::int32_t* status) {
 struct RunCase {
   std::uint32_t rate_hz;
   vb::Profile profile;
+  std::uint32_t flags = 0;
 };
 
 class FullRun : public testing::TestWithParam<RunCase> {};
@@ -44,7 +45,7 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
   config.motion.temperature_c = 31.0;
   vb::reset(config);
 
-  BoardClient client(run.rate_hz);
+  BoardClient client(run.rate_hz, 0, run.flags);
   ASSERT_EQ(client.create_status, PELMOR_OK);
   testing::internal::CaptureStderr();
   const std::int32_t start_status = pelmor_test::start_on_board(client.handle);
@@ -126,10 +127,13 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
 
 INSTANTIATE_TEST_SUITE_P(Rates, FullRun,
                          testing::Values(RunCase{25, vb::Profile::ideal}, RunCase{30, vb::Profile::ideal},
-                                         RunCase{25, vb::Profile::realistic}, RunCase{30, vb::Profile::realistic}),
+                                         RunCase{25, vb::Profile::realistic}, RunCase{30, vb::Profile::realistic},
+                                         RunCase{25, vb::Profile::realistic, PELMOR_FLAG_BRACKET_FIT},
+                                         RunCase{30, vb::Profile::realistic, PELMOR_FLAG_BRACKET_FIT}),
                          [](const testing::TestParamInfo<RunCase>& param_info) {
                            return std::to_string(param_info.param.rate_hz) + "Hz_" +
-                                  (param_info.param.profile == vb::Profile::ideal ? "ideal" : "realistic");
+                                  (param_info.param.profile == vb::Profile::ideal ? "ideal" : "realistic") +
+                                  (param_info.param.flags & PELMOR_FLAG_BRACKET_FIT ? "_bracket_fit" : "");
                          });
 
 // The register writes of the last start from the end of its configuration to

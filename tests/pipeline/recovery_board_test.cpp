@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "pelmor.h"
@@ -25,11 +26,12 @@ namespace vb = pelmor_vboard;
 
 // Records samples; the sample after stall_ms is set holds the worker that long.
 struct StallingClient {
-  explicit StallingClient(std::uint32_t rate_hz) {
+  explicit StallingClient(std::uint32_t rate_hz, std::uint32_t flags = 0) {
     pelmor_config config{};
     config.struct_size = sizeof config;
     config.sample_rate_hz = rate_hz;
     config.mode = 1;
+    config.flags = flags;
     EXPECT_EQ(pelmor_create(&config, &handle), PELMOR_OK);
     pelmor_set_callback(handle, &StallingClient::on_sample, this);
   }
@@ -137,12 +139,12 @@ INSTANTIATE_TEST_SUITE_P(BothRates, HeldUpWorker,
 // snapshots are quick again the map is refreshed or rebuilt and delivery is
 // clean within two seconds. A rebuild attempted while the stretch lasts may
 // fail for good; the worker then ends with its fatal line instead.
-class StretchedSnapshotPeriod : public testing::TestWithParam<std::uint32_t> {};
+class StretchedSnapshotPeriod : public testing::TestWithParam<std::tuple<std::uint32_t, std::uint32_t>> {};
 
 TEST_P(StretchedSnapshotPeriod, EndsInCleanDeliveryWithinTwoSeconds) {
-  const std::uint32_t rate = GetParam();
+  const auto [rate, flags] = GetParam();
   vb::reset(vb::Config::ideal());
-  StallingClient client(rate);
+  StallingClient client(rate, flags);
   testing::internal::CaptureStderr();
   const std::int32_t started = pelmor_start(client.handle);
   const vb::FaultId stretch = vb::stretch_spi_message(vb::SpiMessageKind::tmst_snapshot, 190000, vb::Trigger::from());
@@ -168,9 +170,11 @@ TEST_P(StretchedSnapshotPeriod, EndsInCleanDeliveryWithinTwoSeconds) {
   expect_clean_after(client.copy(), fault_end + 2'000'000'000, rate, log);
 }
 
-INSTANTIATE_TEST_SUITE_P(BothRates, StretchedSnapshotPeriod, testing::Values(25U, 30U),
-                         [](const testing::TestParamInfo<std::uint32_t>& param_info) {
-                           return std::to_string(param_info.param) + "Hz";
+INSTANTIATE_TEST_SUITE_P(BothRates, StretchedSnapshotPeriod,
+                         testing::Combine(testing::Values(25U, 30U), testing::Values(0U, PELMOR_FLAG_BRACKET_FIT)),
+                         [](const auto& param_info) {
+                           return std::to_string(std::get<0>(param_info.param)) + "Hz" +
+                                  (std::get<1>(param_info.param) != 0 ? "_bracket_fit" : "");
                          });
 
 // A burst of lost edges (seen as gaps or not) and extra ones.

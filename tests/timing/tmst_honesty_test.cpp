@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "board_sensor.hpp"
 #include "run/sensor_anchor_source.hpp"
@@ -21,16 +22,17 @@ struct BoardCase {
   vb::Config config;
 };
 
-class TmstHonesty : public ::testing::TestWithParam<BoardCase> {};
+class TmstHonesty : public ::testing::TestWithParam<std::tuple<BoardCase, bool>> {};
 
 TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
-  vb::Config config = GetParam().config;
+  vb::Config config = std::get<0>(GetParam()).config;
   config.timing.drift_wander_ppm = 0.0;  // a fixed, known drift
   vb::reset(config);
   const auto sensor = testing_support::power_up_sensor();
   SensorAnchorSource source(*sensor, false);
 
   TmstMapper mapper;
+  mapper.bracket_fit = std::get<1>(GetParam());
   TmstUnwrapState unwrap;
   establish_anchor_map(mapper, unwrap, source);
   ASSERT_TRUE(mapper.fit.valid);
@@ -61,9 +63,14 @@ vb::Config drifting(vb::Config config, double ppm) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Profiles, TmstHonesty,
-                         ::testing::Values(BoardCase{"ideal", drifting(vb::Config::ideal(), 180.0)},
-                                           BoardCase{"realistic", drifting(vb::Config::realistic(), 2500.0)}),
-                         [](const auto& case_info) { return std::string(case_info.param.name); });
+                         ::testing::Combine(::testing::Values(BoardCase{"ideal", drifting(vb::Config::ideal(), 180.0)},
+                                                              BoardCase{"realistic",
+                                                                        drifting(vb::Config::realistic(), 2500.0)}),
+                                            ::testing::Bool()),
+                         [](const auto& case_info) {
+                           return std::string(std::get<0>(case_info.param).name) +
+                                  (std::get<1>(case_info.param) ? "_bracket_fit" : "");
+                         });
 
 }  // namespace
 }  // namespace pelmor_lusk

@@ -1,0 +1,118 @@
+// The opt-in bracket fit: a line through the anchors' brackets, judged by the
+// same gates, whose stated uncertainty still covers the truth.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+
+#include "timing/bracket_line.hpp"
+#include "timing/tmst_mapper.hpp"
+#include "timing/tmst_mapping.hpp"
+#include "timing_test_support.hpp"
+
+namespace pelmor_lusk {
+namespace {
+
+using namespace testing_support;
+
+std::uint64_t distance(std::uint64_t a, std::uint64_t b) { return a > b ? a - b : b - a; }
+
+TEST(BracketLine, ThroughEveryBracketOrTheLeastWidenedOne) {
+  // Brackets centred on the line are met exactly, however unequal.
+  const TmstAnchor centred[] = {ideal(0, 7000), ideal(80000, 30000), ideal(160000, 5000), ideal(240000, 9000)};
+  const BracketLine exact = fit_bracket_line(centred);
+  ASSERT_TRUE(exact.valid);
+  EXPECT_EQ(to_double(exact.slope_ns_per_tick), 1000.0);
+  EXPECT_EQ(to_double(exact.intercept_ns), static_cast<double>(base_raw_ns));
+  EXPECT_EQ(to_double(exact.widening_ns), 0.0);
+
+  // Three points no line meets: the one that misses all three by the least.
+  const TmstAnchor bent[] = {anchor(0, base_raw_ns, 0), anchor(1000, base_raw_ns + 10, 0),
+                             anchor(2000, base_raw_ns, 0)};
+  const BracketLine widened = fit_bracket_line(bent);
+  ASSERT_TRUE(widened.valid);
+  EXPECT_NEAR(to_double(widened.slope_ns_per_tick), 0.0, 1e-12);
+  EXPECT_NEAR(to_double(widened.intercept_ns - to_q(base_raw_ns)), 5.0, 1e-9);
+  EXPECT_NEAR(to_double(widened.widening_ns), 5.0, 1e-9);
+
+  const TmstAnchor repeated[] = {ideal(0), ideal(0)};
+  EXPECT_FALSE(fit_bracket_line(repeated).valid);
+}
+
+TmstMapper mapper(bool bracket_fit) {
+  TmstMapper m;
+  m.bracket_fit = bracket_fit;
+  return m;
+}
+
+TEST(BracketFit, AStretchedBracketTiltsTheMidpointFitButNotTheBracketFit) {
+  // Sixteen 7 us half windows on the line; the return from the third message is
+  // 60 us late, so its midpoint is 30 us late but its bracket still holds the latch.
+  TmstMapper plain = mapper(false), bracket = mapper(true);
+  for (std::uint64_t i = 0; i < 16; ++i) {
+    TmstAnchor a = ideal(i * 80000, 7000);
+    if (i == 2) a.raw_after_ns += 60000;
+    plain.add_anchor(a, tmst_establish_residual_limit_ns);
+    bracket.add_anchor(a, tmst_establish_residual_limit_ns);
+  }
+  ASSERT_TRUE(plain.fit.valid && bracket.fit.valid) << format_fit_diagnostic(bracket.last_rejected);
+  const std::uint64_t next = 16 * 80000;  // one refresh interval past the newest
+  const std::uint64_t truth = base_raw_ns + next * 1000;
+  EXPECT_GT(distance(map_tmst_to_raw(plain, next, 0).raw_ns, truth), 2000U);
+  const TmstMapping m = map_tmst_to_raw(bracket, next, 0);
+  EXPECT_LE(distance(m.raw_ns, truth), 1U);
+  // Judged by the same quantities: the stretched midpoint is the worst residual.
+  EXPECT_EQ(bracket.fit.max_residual_ns, 30000U);
+  EXPECT_EQ(bracket.fit.max_half_window_ns, 37000U);
+}
+
+TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
+  // 90 us off the line in a 95 us half window: its bracket holds the line, but
+  // the midpoint gate refuses it as it would for the midpoint fit.
+  TmstMapper m = mapper(true);
+  for (std::uint64_t tick = 0; tick < 50000; tick += 10000) m.add_anchor(ideal(tick), 50000);
+  EXPECT_FALSE(m.add_anchor(anchor(50000, base_raw_ns + 50'090'000, 95000), 50000));
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
+  EXPECT_EQ(m.anchor_count, 5U);
+  EXPECT_TRUE(m.fit.valid);
+}
+
+class StatedUncertainty : public testing::TestWithParam<bool> {};
+
+TEST_P(StatedUncertainty, CoversTheTruthWithLatchesAnywhereInTheirBrackets) {
+  // A counter 2500 ppm fast; brackets of 4-15 us half window, one in twenty
+  // stretched on one side up to 90 us, the latch anywhere inside, ends included.
+  std::mt19937_64 rng(7);
+  std::uniform_int_distribution<std::uint64_t> half(4000, 15000), stretch(0, 180000), where(0, 4);
+  std::uniform_real_distribution<double> inside(0.0, 1.0);
+  const auto true_raw = [](std::uint64_t tick) {
+    return base_raw_ns + static_cast<std::uint64_t>(static_cast<double>(tick) * (1000.0 / 1.0025));
+  };
+  TmstMapper m = mapper(GetParam());
+  int judged = 0;
+  for (std::uint64_t i = 0; i < 400; ++i) {
+    const std::uint64_t tick = 20000 + i * 80000;
+    std::uint64_t before = half(rng), after = half(rng);
+    if (i % 20 == 7) (i % 40 == 7 ? after : before) += stretch(rng);
+    const std::uint64_t width = before + after;
+    const std::uint64_t pick = where(rng);
+    const std::uint64_t offset = pick == 0 ? 0 : pick == 1 ? width : static_cast<std::uint64_t>(inside(rng) * static_cast<double>(width));
+    const std::uint64_t start = true_raw(tick) - offset;
+    m.add_anchor(TmstAnchor{tick, start, start + width}, tmst_establish_residual_limit_ns);
+    if (!m.fit.valid) continue;
+    for (std::uint64_t ahead : {0U, 1000U, 40000U, 80000U}) {
+      const TmstMapping mapped = map_tmst_to_raw(m, tick + ahead, 0);
+      ASSERT_NE(mapped.raw_ns, 0U);
+      EXPECT_LE(distance(mapped.raw_ns, true_raw(tick + ahead)), std::uint64_t{mapped.uncertainty_us} * 1000)
+          << "anchor " << i << " +" << ahead << ": " << format_fit_diagnostic(m.fit);
+      ++judged;
+    }
+  }
+  EXPECT_GT(judged, 1000);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothFits, StatedUncertainty, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& p) { return p.param ? "bracket" : "midpoint"; });
+
+}  // namespace
+}  // namespace pelmor_lusk
