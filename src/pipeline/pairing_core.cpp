@@ -88,8 +88,9 @@ SampleVerdict PairingCore::pair_sample(const FifoPacket& packet, std::uint32_t r
   verdict.mapping.tick = gate.candidate_tick;
   verdict.mapping.half_window_ns = event.half_window_ns;
   verdict.mapping.delivery_age_ns = event.delivery_age_ns;
+  const bool periodic = accepted_sample_count_ % periodic_refresh_every == 0;
   verdict.mapping.refresh_due = accepted_sample_count_ != 0 &&
-                                accepted_sample_count_ % periodic_refresh_every == 0 && mapper.fit.valid &&
+                                (periodic || mapper.wants_early_anchor(gate.candidate_tick)) && mapper.fit.valid &&
                                 gate.candidate_tick >= boundary_reference_tick_;
   return verdict;
 }

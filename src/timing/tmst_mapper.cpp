@@ -221,4 +221,10 @@ std::string format_fit_diagnostic(const TmstFit& fit) {
   return out.str();
 }
 
+bool TmstMapper::wants_early_anchor(std::uint64_t tick) const noexcept {
+  if (!bracket_fit || !fit.valid || tick <= fit.last_tick) return false;
+  const std::uint64_t ahead = tick - fit.last_tick;
+  return ahead >= tmst_early_anchor_min_ticks && ahead > fit.span_ticks / 4;
+}
+
 }  // namespace pelmor_lusk

@@ -45,6 +45,8 @@ inline constexpr std::uint64_t tmst_refresh_residual_limit_ns = 75000;
 // than this many times the median of the other anchors' half windows.
 inline constexpr std::uint64_t tmst_wide_anchor_min_half_window_ns = 25000;
 inline constexpr std::uint64_t tmst_wide_anchor_ratio = 3;
+// Early anchors are taken no closer together than this.
+inline constexpr std::uint64_t tmst_early_anchor_min_ticks = 80000;
 
 struct TmstAnchor {
   std::uint64_t tick = 0;
@@ -94,6 +96,10 @@ struct TmstMapper {
   bool drop_wide_anchor();
   // Fits the stored anchors; true when every gate passes.
   bool refit(std::uint64_t residual_limit_ns);
+  // With the bracket fit only: a fresh anchor is worth taking before the
+  // periodic one, because tick lies further past the newest anchor than a
+  // quarter of the fitted span (the slope's error grows with that distance).
+  bool wants_early_anchor(std::uint64_t tick) const noexcept;
 };
 
 struct TmstUnwrapState {

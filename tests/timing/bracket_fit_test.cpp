@@ -66,6 +66,27 @@ TEST(BracketFit, AStretchedBracketTiltsTheMidpointFitButNotTheBracketFit) {
   EXPECT_EQ(bracket.fit.max_half_window_ns, 37000U);
 }
 
+// Early anchors while the window is short: a quarter of the span ahead, not
+// closer than 80 ms to the newest, and never without the flag.
+TEST(BracketFit, AsksForAnEarlyAnchorOnceAQuarterSpanPastTheNewest) {
+  TmstMapper m;
+  m.bracket_fit = true;
+  for (std::uint64_t i = 0; i < 5; ++i) ASSERT_EQ(m.add_anchor(ideal(i * 100000), 50000), i >= 3);
+  ASSERT_EQ(m.fit.span_ticks, 400000U);
+  EXPECT_FALSE(m.wants_early_anchor(400000 + 100000)) << "exactly a quarter";
+  EXPECT_TRUE(m.wants_early_anchor(400000 + 100001));
+  EXPECT_FALSE(m.wants_early_anchor(300000)) << "behind the newest";
+  m.bracket_fit = false;
+  EXPECT_FALSE(m.wants_early_anchor(400000 + 100001));
+
+  TmstMapper narrow;
+  narrow.bracket_fit = true;
+  for (std::uint64_t i = 0; i < 4; ++i) narrow.add_anchor(ideal(i * 10000), 50000);
+  ASSERT_TRUE(narrow.fit.valid);
+  EXPECT_FALSE(narrow.wants_early_anchor(30000 + 79999));
+  EXPECT_TRUE(narrow.wants_early_anchor(30000 + 80000));
+}
+
 TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
   // 90 us off the line in a 95 us half window: its bracket holds the line, but
   // the midpoint gate refuses it as it would for the midpoint fit.
