@@ -85,7 +85,7 @@ struct Options {
   std::size_t interp_window = 8;
   std::size_t hull_anchors = 16;
   // pelmor_config.flags of each clean run; the first is the reference.
-  std::vector<std::uint32_t> flag_sets{0, PELMOR_FLAG_BRACKET_FIT};
+  std::vector<std::uint32_t> flag_sets{0, PELMOR_FLAG_BRACKET_FIT, PELMOR_FLAG_PAIRING_CHECK};
 };
 
 // "flags=0x2 (bracket fit)"; "flags=0" for the specified behaviour.
@@ -735,6 +735,9 @@ struct FaultResult {
   Run run;
   Analysis analysis;
   ReportVerdict report;
+  // The same fault with the pairing check added to the reference flags.
+  std::optional<Run> checked_run;
+  std::optional<Analysis> checked;
 };
 
 // The clean runs of one rate, the reference first.
@@ -820,11 +823,11 @@ void print_quality(const Options& o, const std::vector<RateResult>& results) {
     for (const auto& [run, analysis] : clean_runs(r)) {
       const Analysis& a = *analysis;
       const bool have = a.mapped.count > 0;
-      std::printf("- %u Hz, %s: %zu delivered, %zu matched, %u drops. (a) p99 <= p99 of (d) = %s us %s; "
+      std::printf("- %u Hz, %s: %zu delivered, %zu matched, %u drops, %u resyncs. (a) p99 <= p99 of (d) = %s us %s; "
                   "p99 <= p99(b) / 4 = %s us %s. Stated uncertainty median / max %s / %s us; %zu samples "
                   "further from the truth.\n",
                   run->rate, flags_label(run->flags).c_str(), a.delivered, a.matched, run->health.total_drops,
-                  us(a.hull.errors.p99_abs_ns).c_str(),
+                  run->health.boundary_resyncs, us(a.hull.errors.p99_abs_ns).c_str(),
                   verdict(have && a.hull.errors.count > 0 && a.mapped.p99_abs_ns <= a.hull.errors.p99_abs_ns),
                   us(static_cast<double>(a.event.p99_abs_ns) / 4).c_str(),
                   verdict(have && 4 * a.mapped.p99_abs_ns <= a.event.p99_abs_ns), us(a.stated.median_abs_ns).c_str(),
@@ -839,17 +842,28 @@ void print_mispairing(const Options& o, const std::vector<FaultResult>& faults) 
   std::printf("%s s per run, the fault armed %s s after pelmor_start returned; it hits the next edge.\n\n",
               fixed(o.fault_duration_s, 0).c_str(), fixed(o.fault_after_s, 0).c_str());
   std::printf("| rate | fault | delivered | drops / resyncs / batch failures | carrying another sample's event "
-              "stamp (truth) | first such sample | pelmor-timing-report |\n|---|---|---|---|---|---|---|\n");
+              "stamp (truth) | first such sample | pelmor-timing-report | with the pairing check: carrying "
+              "another's stamp, delivered, drops / resyncs |\n|---|---|---|---|---|---|---|---|\n");
   for (const FaultResult& f : faults) {
     const Analysis& a = f.analysis;
     std::string flag = "not run";
     if (f.report.ran) flag = f.report.flagged.empty() ? "nothing flagged" : f.report.flagged;
-    std::printf("| %u Hz | %s%s | %zu | %u / %u / %u | %zu | %s | %s |\n", f.run.rate, fault_name(f.run.fault),
+    std::string checked = "-";
+    if (f.checked) {
+      const Run& c = *f.checked_run;
+      checked = std::to_string(f.checked->mispaired) + ", " + std::to_string(f.checked->delivered) + ", " +
+                std::to_string(c.health.total_drops) + " / " + std::to_string(c.health.boundary_resyncs) +
+                (c.fault_hits == 1 ? "" : " (fault did not hit once)");
+    }
+    std::printf("| %u Hz | %s%s | %zu | %u / %u / %u | %zu | %s | %s | %s |\n", f.run.rate, fault_name(f.run.fault),
                 f.run.fault_hits == 1 ? "" : " (fault did not hit once)", a.delivered, f.run.health.total_drops,
                 f.run.health.boundary_resyncs, f.run.health.batch_failures, a.mispaired,
-                a.first_mispaired ? std::to_string(*a.first_mispaired).c_str() : "-", flag.c_str());
+                a.first_mispaired ? std::to_string(*a.first_mispaired).c_str() : "-", flag.c_str(), checked.c_str());
   }
-  for (const FaultResult& f : faults) note_incomplete(f.run);
+  for (const FaultResult& f : faults) {
+    note_incomplete(f.run);
+    if (f.checked_run) note_incomplete(*f.checked_run);
+  }
 }
 
 void print_cost(const std::vector<RateResult>& results) {
@@ -934,6 +948,12 @@ int main(int argc, char** argv) {
       fr.analysis = analyse(fr.run, o);
       fr.report = write_and_report(fr.run, o, false);
       if (fr.run.start_status == PELMOR_OK) r.starts_ns.push_back(fr.run.start_ns);
+      if ((reference_flags & PELMOR_FLAG_PAIRING_CHECK) == 0) {
+        std::fprintf(stderr, "== %u Hz: the same with %s\n", rate,
+                     flags_label(reference_flags | PELMOR_FLAG_PAIRING_CHECK).c_str());
+        fr.checked_run = run_driver(o, rate, reference_flags | PELMOR_FLAG_PAIRING_CHECK, f, o.fault_duration_s);
+        fr.checked = analyse(*fr.checked_run, o);
+      }
       faults.push_back(std::move(fr));
     }
 

@@ -55,7 +55,9 @@ extern "C" {
  * PELMOR_FLAG_BRACKET_FIT: the sensor-clock map takes the middle of the lines
  * that pass through every anchor's clock bracket instead of a least-squares
  * line through the brackets' midpoints, so that a bracket stretched on one side
- * no longer tilts it; the stated uncertainty stays a bound of the true error. */
+ * no longer tilts it, and while the map is young it takes a fresh anchor as
+ * soon as a sample lies a quarter of the map's span past the newest one (at
+ * most every 80 ms); the stated uncertainty stays a bound of the true error. */
 #define PELMOR_FLAG_PAIRING_CHECK 0x1u
 #define PELMOR_FLAG_BRACKET_FIT 0x2u
 

@@ -214,8 +214,9 @@ OPTIONS
         slips by a good part of a period against its mapped time, as after an
         interrupt edge lost or added without a sequence gap.
     --bracket-fit
-        Opt-in (PELMOR_FLAG_BRACKET_FIT): weigh each sensor-clock anchor by
-        its clock bracket when mapping sample times.
+        Opt-in (PELMOR_FLAG_BRACKET_FIT): map sample times with the line
+        through every sensor-clock anchor's clock bracket, and take early
+        anchors while the map is young.
     -d, --duration SECONDS
         Stop after this many seconds (decimals allowed). Without --duration
         and --count the program runs until it is interrupted.
