@@ -165,12 +165,24 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
     r.intercept_ns = line.intercept_ns;
   }
 
+  // The residual limit judges whether the anchors agree on a line: by the
+  // distance from the midpoints. The bracket line may sit anywhere inside an
+  // accepted bracket by design, so it judges the older anchors by how far it
+  // passes outside theirs; otherwise a window filled while snapshots were
+  // stretched would refuse every quick one after. The newest anchor is still
+  // judged by its midpoint, so a stretched one is refused on arrival. The
+  // stated uncertainty is built from the midpoint residual either way.
+  std::uint64_t disagreement_ns = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
-    r.max_half_window_ns = std::max(r.max_half_window_ns, anchors[i].half_window_ns());
+    const std::uint64_t half_window = anchors[i].half_window_ns();
+    r.max_half_window_ns = std::max(r.max_half_window_ns, half_window);
     const binary128 p = to_q(anchors[i].tick) * r.slope_ns_per_tick + r.intercept_ns;
     if (p < 0 || p > u64_max_q) return reject(fit_reject_prediction_overflow, false);
-    const binary128 residual = abs_q(round_half_away_q(p) - to_q(anchors[i].midpoint_ns()));
-    r.max_residual_ns = std::max(r.max_residual_ns, to_u64(residual));
+    const std::uint64_t residual = to_u64(abs_q(round_half_away_q(p) - to_q(anchors[i].midpoint_ns())));
+    r.max_residual_ns = std::max(r.max_residual_ns, residual);
+    const bool judged_by_bracket = bracket_fit && i + 1 < n;
+    const std::uint64_t outside = !judged_by_bracket ? residual : residual > half_window ? residual - half_window : 0;
+    disagreement_ns = std::max(disagreement_ns, outside);
   }
 
   r.slope_uncertainty_ns_per_tick =
@@ -180,7 +192,7 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
 
   if (r.slope_error_ppm > to_q(tmst_max_slope_error_ppm)) return reject(fit_reject_slope_out_of_range, true);
   if (r.max_half_window_ns > tmst_max_half_window_ns) return reject(fit_reject_bridge_window_too_wide, true);
-  if (r.max_residual_ns > residual_limit_ns) return reject(fit_reject_residual_too_large, true);
+  if (disagreement_ns > residual_limit_ns) return reject(fit_reject_residual_too_large, true);
 
   r.valid = true;
   r.reject_reason = fit_reject_none;

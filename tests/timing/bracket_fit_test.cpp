@@ -98,6 +98,25 @@ TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
   EXPECT_TRUE(m.fit.valid);
 }
 
+// A window filled while every snapshot was stretched the same way (latches at
+// the start of 95 us brackets) agrees on a line well off the truth; the first
+// quick anchor pulls the line to the truth, far from the old midpoints. The
+// midpoint fit refuses it, and would refuse every later one; the bracket fit
+// takes it, and its stated uncertainty still carries the old brackets.
+TEST(BracketFit, AQuickAnchorIsTakenAfterAWindowOfStretchedOnes) {
+  for (const bool bracket_fit : {false, true}) {
+    TmstMapper m = mapper(bracket_fit);
+    for (std::uint64_t tick = 0; tick < 150000; tick += 10000) {
+      m.add_anchor(anchor(tick, base_raw_ns + tick * 1000 + 90000, 95000), 50000);
+    }
+    ASSERT_TRUE(m.fit.valid);
+    EXPECT_EQ(m.add_anchor(ideal(150000), 50000), bracket_fit);
+    if (!bracket_fit) continue;
+    EXPECT_EQ(m.anchor_count, 16U);
+    EXPECT_GE(m.fit.max_residual_ns, 80000U);
+  }
+}
+
 class StatedUncertainty : public testing::TestWithParam<bool> {};
 
 TEST_P(StatedUncertainty, CoversTheTruthWithLatchesAnywhereInTheirBrackets) {
