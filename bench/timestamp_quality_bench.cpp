@@ -88,7 +88,7 @@ struct Options {
   std::vector<std::uint32_t> flag_sets{0, PELMOR_FLAG_BRACKET_FIT, PELMOR_FLAG_PAIRING_CHECK};
 };
 
-// "flags=0x2 (bracket fit)"; "flags=0" for the specified behaviour.
+// "flags=0x2 (bracket fit)"; "flags=0" for the default behaviour.
 std::string flags_label(std::uint32_t flags) {
   if (flags == 0) return "flags=0";
   char hex[16];

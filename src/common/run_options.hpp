@@ -1,4 +1,4 @@
-// What a client chose for its driver beyond the rate: the specified behaviour by
+// What a client chose for its driver beyond the rate: the documented behaviour by
 // default, and the opt-in features of pelmor_config.flags.
 #pragma once
 
