@@ -67,8 +67,9 @@ TmstMapper full_mapper(bool bracket_fit = false) {
   return mapper;
 }
 
-void BM_Refit16AnchorsBinary128(benchmark::State& state) {
-  TmstMapper mapper = full_mapper();
+// With bracket_fit, the same window through the bracket line (pelmor_config.flags bit 1).
+void refit_16_anchors(benchmark::State& state, bool bracket_fit) {
+  TmstMapper mapper = full_mapper(bracket_fit);
   if (!mapper.fit.valid || mapper.anchor_count != tmst_anchor_capacity) {
     state.SkipWithError("the anchor window did not fit");
     return;
@@ -78,20 +79,9 @@ void BM_Refit16AnchorsBinary128(benchmark::State& state) {
     benchmark::ClobberMemory();
   }
 }
+void BM_Refit16AnchorsBinary128(benchmark::State& state) { refit_16_anchors(state, false); }
 BENCHMARK(BM_Refit16AnchorsBinary128);
-
-// The same window through the bracket line (pelmor_config.flags bit 1).
-void BM_Refit16AnchorsBracketFit(benchmark::State& state) {
-  TmstMapper mapper = full_mapper(true);
-  if (!mapper.fit.valid || mapper.anchor_count != tmst_anchor_capacity) {
-    state.SkipWithError("the anchor window did not fit");
-    return;
-  }
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(mapper.refit(tmst_refresh_residual_limit_ns));
-    benchmark::ClobberMemory();
-  }
-}
+void BM_Refit16AnchorsBracketFit(benchmark::State& state) { refit_16_anchors(state, true); }
 BENCHMARK(BM_Refit16AnchorsBracketFit);
 
 void BM_MapOneTick(benchmark::State& state) {
