@@ -35,6 +35,18 @@ TEST(BracketLine, ThroughEveryBracketOrTheLeastWidenedOne) {
   EXPECT_NEAR(to_double(widened.intercept_ns - to_q(base_raw_ns)), 5.0, 1e-9);
   EXPECT_NEAR(to_double(widened.widening_ns), 5.0, 1e-9);
 
+  // The tightest slope bound comes from two narrow anchors in the middle, not
+  // from any pair with the first or the last (both wide): the line still
+  // passes through every bracket.
+  const TmstAnchor middle_bound[] = {anchor(0, base_raw_ns, 50000), anchor(80000, base_raw_ns + 80'000'000, 1000),
+                                     anchor(160000, base_raw_ns + 160'010'000, 1000),
+                                     anchor(240000, base_raw_ns + 240'000'000, 50000)};
+  const BracketLine through = fit_bracket_line(middle_bound);
+  ASSERT_TRUE(through.valid);
+  EXPECT_EQ(to_double(through.widening_ns), 0.0);
+  EXPECT_GE(to_double(through.slope_ns_per_tick), 1000.1);
+  EXPECT_LE(to_double(through.slope_ns_per_tick), 1000.15);
+
   const TmstAnchor repeated[] = {ideal(0), ideal(0)};
   EXPECT_FALSE(fit_bracket_line(repeated).valid);
 }
