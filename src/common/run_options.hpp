@@ -15,7 +15,8 @@ struct RunOptions {
   // Learn the offset between the INT1 stamp and the mapped time, and resync when
   // it slips by a good part of a period.
   bool pairing_check = false;
-  // Weigh each TMST anchor by its bracket instead of giving every one full weight.
+  // Map through the line that passes every TMST anchor's bracket, not the
+  // least-squares line through their midpoints.
   bool bracket_fit = false;
 
   static RunOptions from_config(std::uint32_t flags, bool strict_timing) noexcept {

@@ -11,7 +11,8 @@ std::uint64_t distance(std::int64_t a, std::int64_t b) noexcept {
                 : static_cast<std::uint64_t>(b) - static_cast<std::uint64_t>(a);
 }
 
-std::int64_t median_of(std::array<std::int64_t, pairing_slip_learn_samples> values) noexcept {
+template <typename T>
+T median_of(std::array<T, pairing_slip_learn_samples> values) noexcept {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
@@ -31,12 +32,10 @@ void PairingSlipCheck::learn(std::int64_t offset_ns) noexcept {
   if (filled_ < window_.size()) return;
   filled_ = 0;
   const std::int64_t centre = median_of(window_);
-  std::array<std::int64_t, pairing_slip_learn_samples> deviations{};
-  for (std::size_t i = 0; i < window_.size(); ++i) {
-    deviations[i] = static_cast<std::int64_t>(std::min<std::uint64_t>(distance(window_[i], centre), INT64_MAX));
-  }
+  std::array<std::uint64_t, pairing_slip_learn_samples> deviations{};
+  for (std::size_t i = 0; i < window_.size(); ++i) deviations[i] = distance(window_[i], centre);
   // The median absolute deviation, scaled to a standard deviation for normal noise.
-  const std::uint64_t spread = static_cast<std::uint64_t>(median_of(deviations)) * 14826 / 10000;
+  const std::uint64_t spread = median_of(deviations) * 14826 / 10000;
   if (spread > max_spread_ns_) return;
   learned_ = true;
   centre_ns_ = centre;

@@ -155,14 +155,15 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   }
   if (!(sxx > 0)) return reject(fit_reject_degenerate_fit, false);
 
-  r.slope_ns_per_tick = sxy / sxx;
-  r.intercept_ns = mean_mid - r.slope_ns_per_tick * mean_tick;
   if (bracket_fit) {
     // Every gate below judges this line as it would the midpoint one.
     const BracketLine line = fit_bracket_line(std::span(anchors).first(n));
     if (!line.valid) return reject(fit_reject_degenerate_fit, false);
     r.slope_ns_per_tick = line.slope_ns_per_tick;
     r.intercept_ns = line.intercept_ns;
+  } else {
+    r.slope_ns_per_tick = sxy / sxx;
+    r.intercept_ns = mean_mid - r.slope_ns_per_tick * mean_tick;
   }
 
   // The residual limit judges whether the anchors agree on a line: by the
