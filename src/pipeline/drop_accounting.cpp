@@ -148,6 +148,10 @@ void record_resync_success(TimingDropCounters& c, std::uint32_t reason,
     resyncs = &c.pairing_slip_resyncs;
     drops = &c.pairing_slip_resync_drops;
     events = &c.pairing_slip_discarded_gpio_events;
+  } else if (reason == recovery_wide_anchor_map) {
+    resyncs = &c.wide_anchor_map_resyncs;
+    drops = &c.wide_anchor_map_resync_drops;
+    events = &c.wide_anchor_map_discarded_gpio_events;
   }
   *resyncs += 1;
   *drops += discarded_fifo_samples;

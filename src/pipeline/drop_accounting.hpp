@@ -58,6 +58,9 @@ struct TimingDropCounters {
   std::uint32_t pairing_slip_resyncs = 0;
   std::uint32_t pairing_slip_resync_drops = 0;
   std::uint32_t pairing_slip_discarded_gpio_events = 0;
+  std::uint32_t wide_anchor_map_resyncs = 0;
+  std::uint32_t wide_anchor_map_resync_drops = 0;
+  std::uint32_t wide_anchor_map_discarded_gpio_events = 0;
   std::uint32_t drop_event_count = 0;    // phase decisions
   std::uint32_t drop_sample_count = 0;
   std::uint32_t boundary_resyncs = 0;    // sequence-gap events, and slips when the pairing check is on

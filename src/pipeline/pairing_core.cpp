@@ -127,6 +127,16 @@ SampleVerdict PairingCore::after_timing_drop() {
   return verdict;
 }
 
+SampleVerdict PairingCore::rebuild_wide_map() {
+  SampleVerdict verdict;
+  verdict.action = SampleAction::resync;
+  verdict.resync.reason = recovery_wide_anchor_map;
+  verdict.resync.message = "TMST anchor map built from stretched snapshots refused a precise one";
+  verdict.resync.discarded_fifo_samples = current_remaining_;
+  verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
+  return verdict;
+}
+
 SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
                                           std::uint64_t wrap_count) {
   SampleVerdict verdict;

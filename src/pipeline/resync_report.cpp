@@ -26,6 +26,7 @@ const char* recovery_reason_name(std::uint32_t reason) noexcept {
     case recovery_gpio_queue_overflow: return "gpio_queue_overflow";
     case recovery_timing_drop_run: return "timing_drop_run";
     case recovery_pairing_slip: return "pairing_slip";
+    case recovery_wide_anchor_map: return "wide_anchor_map";
     default: return "batch_mismatch";
   }
 }

@@ -19,9 +19,10 @@ enum RecoveryReason : std::uint32_t {
   recovery_gpio_queue_overflow = 2,
   recovery_timing_drop_run = 3,  // a second of samples dropped in a row: the map is rebuilt
   recovery_pairing_slip = 4,     // the opt-in pairing check saw an event stamp slip
+  recovery_wide_anchor_map = 5,  // a map built from stretched snapshots refused a precise one
 };
 
-// Every value other than 1 to 4 reads "batch_mismatch".
+// Every value other than 1 to 5 reads "batch_mismatch".
 const char* recovery_reason_name(std::uint32_t reason) noexcept;
 
 struct ResyncReportInput {

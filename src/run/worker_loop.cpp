@@ -113,6 +113,9 @@ SampleVerdict Run::map_sample(const FifoPacket& packet, const MappingRequest& re
   }
   const MapperRefreshOutcome outcome = timebase_.map_refreshing(plain_source_, strict_timing_, request.tick,
                                                                 request.half_window_ns, request.delivery_age_ns);
+  // Judged against stretched anchors, precise ones would be refused until
+  // drops pile up; rebuilding at once is quicker.
+  if (timebase_.outshone() && !strict_timing_) return core_.rebuild_wide_map();
   return core_.accept_mapping(packet, outcome, timebase_.wrap_count());
 }
 

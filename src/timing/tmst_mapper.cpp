@@ -94,6 +94,27 @@ bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_lim
   return false;
 }
 
+namespace {
+
+// The median half window of the first count anchors, leaving out the one at skip.
+std::uint64_t median_half_window(const std::array<TmstAnchor, tmst_anchor_capacity>& anchors, std::uint32_t count,
+                                 std::uint32_t skip) noexcept {
+  std::array<std::uint64_t, tmst_anchor_capacity> halves{};
+  std::uint32_t n = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (i != skip) halves[n++] = anchors[i].half_window_ns();
+  }
+  const auto middle = halves.begin() + n / 2;
+  std::nth_element(halves.begin(), middle, halves.begin() + n);
+  return *middle;
+}
+
+bool wide_against(std::uint64_t half_window_ns, std::uint64_t reference_ns) noexcept {
+  return half_window_ns > tmst_wide_anchor_min_half_window_ns && half_window_ns > tmst_wide_anchor_ratio * reference_ns;
+}
+
+}  // namespace
+
 bool TmstMapper::drop_wide_anchor() {
   if (anchor_count < 3) return false;
   const std::uint32_t older = anchor_count - 1;  // the newest is never the one dropped
@@ -101,18 +122,16 @@ bool TmstMapper::drop_wide_anchor() {
   for (std::uint32_t i = 1; i < older; ++i) {
     if (anchors[i].half_window_ns() > anchors[widest].half_window_ns()) widest = i;
   }
-  std::array<std::uint64_t, tmst_anchor_capacity> others{};
-  std::uint32_t n = 0;
-  for (std::uint32_t i = 0; i < anchor_count; ++i) {
-    if (i != widest) others[n++] = anchors[i].half_window_ns();
-  }
-  const auto middle = others.begin() + n / 2;
-  std::nth_element(others.begin(), middle, others.begin() + n);
-  const std::uint64_t wide = anchors[widest].half_window_ns();
-  if (wide <= tmst_wide_anchor_min_half_window_ns || wide <= tmst_wide_anchor_ratio * *middle) return false;
+  if (!wide_against(anchors[widest].half_window_ns(), median_half_window(anchors, anchor_count, widest))) return false;
   std::copy(anchors.begin() + widest + 1, anchors.begin() + anchor_count, anchors.begin() + widest);
   anchor_count -= 1;
   return true;
+}
+
+bool window_outshone_by(const TmstMapper& mapper, const TmstAnchor& fresh) noexcept {
+  if (mapper.anchor_count == 0) return false;
+  return wide_against(median_half_window(mapper.anchors, mapper.anchor_count, tmst_anchor_capacity),
+                      fresh.half_window_ns());
 }
 
 bool TmstMapper::refit(std::uint64_t residual_limit_ns) {

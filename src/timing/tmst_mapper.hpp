@@ -85,6 +85,10 @@ struct TmstMapper {
   // Opt-in: the line through every anchor's bracket (fit_bracket_line) instead
   // of least squares through the midpoints.
   bool bracket_fit = false;
+  // The last fresh anchor offered was refused although the window is wide
+  // against it (window_outshone_by): only a rebuilt map can take it in. Cleared
+  // when an anchor joins.
+  bool outshone = false;
 
   // Inserts the anchor and refits; true when the resulting fit is valid. Once the
   // map is past its warm-up a failing anchor never replaces the fit in force.
@@ -101,6 +105,12 @@ struct TmstMapper {
   // quarter of the fitted span (the slope's error grows with that distance).
   bool wants_early_anchor(std::uint64_t tick) const noexcept;
 };
+
+// True when the window's anchors are wide against fresh: their median half
+// window is above the wide floor and more than the wide ratio times fresh's.
+// Such a window was built while every snapshot was stretched; refreshes judged
+// against it refuse precise anchors, so it would never heal by itself.
+bool window_outshone_by(const TmstMapper& mapper, const TmstAnchor& fresh) noexcept;
 
 struct TmstUnwrapState {
   std::uint32_t bit_width = 20;

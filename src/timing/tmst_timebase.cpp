@@ -32,10 +32,16 @@ bool insert_fresh_anchor(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSour
   for (std::uint32_t attempt = 1;; ++attempt) {
     const TmstAnchor anchor = anchor_from_snapshot(unwrap, source.take_snapshot());
     if (insert_anchor(mapper, anchor, gate)) {
+      mapper.outshone = false;
       if (inserted_tick != nullptr) *inserted_tick = anchor.tick;
       return true;
     }
-    if (!fresh_anchor_worth_retrying(attempt, mapper.last_rejected.reject_reason, gate)) return false;
+    const std::uint32_t reason = mapper.last_rejected.reject_reason;
+    if (!fresh_anchor_worth_retrying(attempt, reason, gate)) {
+      mapper.outshone = (reason == fit_reject_residual_too_large || reason == fit_reject_sample_uncertainty_too_large) &&
+                        window_outshone_by(mapper, anchor);
+      return false;
+    }
   }
 }
 

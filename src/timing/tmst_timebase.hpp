@@ -32,7 +32,7 @@ struct AnchorGate {
 bool fresh_anchor_worth_retrying(std::uint32_t attempt, std::uint32_t reason, const AnchorGate& gate) noexcept;
 
 // Offers up to fresh_anchor_attempts anchors from source; true when one went in,
-// with its tick in *inserted_tick.
+// with its tick in *inserted_tick. Sets or clears mapper.outshone.
 bool insert_fresh_anchor(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source, const AnchorGate& gate,
                          std::uint64_t* inserted_tick = nullptr);
 
@@ -65,6 +65,8 @@ class TmstTimebase {
   const TmstMapper& mapper() const noexcept { return mapper_; }
   std::uint64_t wrap_count() const noexcept { return unwrap_.wrap_count; }
   std::uint32_t last_reject_reason() const noexcept { return mapper_.last_rejected.reject_reason; }
+  // A wide window refused a precise fresh anchor: the map needs rebuilding.
+  bool outshone() const noexcept { return mapper_.outshone; }
   const TmstFit& last_rejected() const noexcept { return mapper_.last_rejected; }
 
  private:

@@ -389,6 +389,23 @@ TEST(PairingCoreDrops, ASecondOfDropsInARowCallsForARebuiltMap) {
   EXPECT_EQ(s.core.counters().consecutive_drops, 49U);
 }
 
+TEST(PairingCoreDrops, AMapRefusingAPreciseAnchorIsRebuiltWithTheBatchDiscarded) {
+  PairingScript s(rate_profile_25hz);
+  s.arm(anchor_tick);
+  s.stream(2);
+  const std::uint64_t step = rate_profile_25hz.nominal_step_ticks;
+  s.admit(s.edge(s.tick + step));
+  s.admit(s.edge(s.tick + 2 * step));
+  ASSERT_EQ(s.core.pair_sample(PairingScript::packet(s.tick + step), 3, s.mapper).action, SampleAction::map);
+  const SampleVerdict v = s.core.rebuild_wide_map();
+  ASSERT_EQ(v.action, SampleAction::resync);
+  EXPECT_EQ(v.resync.reason, recovery_wide_anchor_map);
+  EXPECT_EQ(v.resync.message, "TMST anchor map built from stretched snapshots refused a precise one");
+  EXPECT_EQ(v.resync.discarded_fifo_samples, 3U);  // this sample is not counted as a drop elsewhere
+  EXPECT_EQ(v.resync.discarded_gpio_events_pre_recovery, 2U);
+  EXPECT_EQ(s.core.counters().total_drops, 0U);
+}
+
 // --- Startup sentinels ---
 
 TEST(PairingCoreSentinels, StartupSentinelsAreSkippedReanchoredAndLimited) {
@@ -529,6 +546,12 @@ TEST(PairingCoreResync, ReportSuccessAndFailureAreCountedPerReason) {
       {recovery_gpio_queue_overflow, "gpio_queue_overflow", &TimingDropCounters::gpio_queue_overflow_resyncs,
        &TimingDropCounters::gpio_queue_overflow_resync_drops,
        &TimingDropCounters::gpio_queue_overflow_discarded_gpio_events},
+      {recovery_timing_drop_run, "timing_drop_run", &TimingDropCounters::timing_drop_run_resyncs,
+       &TimingDropCounters::timing_drop_run_resync_drops, &TimingDropCounters::timing_drop_run_discarded_gpio_events},
+      {recovery_pairing_slip, "pairing_slip", &TimingDropCounters::pairing_slip_resyncs,
+       &TimingDropCounters::pairing_slip_resync_drops, &TimingDropCounters::pairing_slip_discarded_gpio_events},
+      {recovery_wide_anchor_map, "wide_anchor_map", &TimingDropCounters::wide_anchor_map_resyncs,
+       &TimingDropCounters::wide_anchor_map_resync_drops, &TimingDropCounters::wide_anchor_map_discarded_gpio_events},
   };
   ArmBoundaryReport arm;
   arm.stale_gpio_drain.add(BridgedEvent{});
@@ -561,7 +584,9 @@ TEST(PairingCoreResync, ReportSuccessAndFailureAreCountedPerReason) {
     EXPECT_EQ(k.*c.resyncs, 1U);
     EXPECT_EQ(k.*c.drops, 5U);
     EXPECT_EQ(k.*c.events, discarded_gpio_events_total(arm, 3));
-    EXPECT_EQ(k.batch_mismatch_resyncs + k.gpio_sequence_gap_resyncs + k.gpio_queue_overflow_resyncs, 1U);
+    EXPECT_EQ(k.batch_mismatch_resyncs + k.gpio_sequence_gap_resyncs + k.gpio_queue_overflow_resyncs +
+                  k.timing_drop_run_resyncs + k.pairing_slip_resyncs + k.wide_anchor_map_resyncs,
+              1U);
     EXPECT_EQ(k.total_drops, 5U);
     EXPECT_EQ(k.boundary_resyncs, 0U);  // counted at admission, not here
 

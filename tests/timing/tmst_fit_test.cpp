@@ -225,6 +225,56 @@ TEST(WideAnchors, OneStretchedSnapshotCannotPoisonTheWindow) {
   EXPECT_EQ(gated.anchors[gated.anchor_count - 1].tick, 70000U);
 }
 
+// A map built while every snapshot was stretched the same way agrees with
+// itself, well off the true line; only a rebuild lets precise anchors back in.
+TEST(WideAnchors, AWindowOfStretchedAnchorsIsOutshoneByAPreciseOne) {
+  // Every latch at the start of its bracket, the bracket just under the gate.
+  const auto stretched_anchor = [](std::uint64_t tick) {
+    return anchor(tick, base_raw_ns + tick * 1000 + 98000, 99000);
+  };
+  TmstMapper m;
+  for (std::uint64_t tick = 0; tick <= 150000; tick += 10000) m.add_anchor(stretched_anchor(tick), 50000);
+  ASSERT_TRUE(m.fit.valid);
+  EXPECT_TRUE(window_outshone_by(m, ideal(160000)));
+  EXPECT_FALSE(window_outshone_by(m, ideal(160000, 33000)));  // three times is not far wider
+  EXPECT_TRUE(window_outshone_by(m, ideal(160000, 32999)));
+  EXPECT_FALSE(window_outshone_by(ideal_mapper(8, 25000), ideal(80000, 1)));  // not above the floor
+  EXPECT_TRUE(window_outshone_by(ideal_mapper(8, 25001), ideal(80000, 1)));
+  EXPECT_FALSE(window_outshone_by(TmstMapper{}, ideal(0)));
+
+  // The refresh refuses the precise anchor and says so; one that agrees with
+  // the window goes in and clears it.
+  TmstUnwrapState unwrap;
+  unwrap_tick(unwrap, 150000);
+  ScriptedSource precise([](int i) { return ideal_snapshot(160000 + 1000 * static_cast<std::uint64_t>(i)); });
+  EXPECT_FALSE(insert_fresh_anchor(m, unwrap, precise, AnchorGate::sample(160000, 1000)));
+  EXPECT_EQ(precise.snapshots, 1);
+  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
+  EXPECT_TRUE(m.outshone);
+  ScriptedSource agreeing([&](int) {
+    TmstSnapshot s = ideal_snapshot(170000, 99000);
+    s.raw_before_ns += 98000;
+    s.raw_after_ns += 98000;
+    return s;
+  });
+  EXPECT_TRUE(insert_fresh_anchor(m, unwrap, agreeing, AnchorGate::plain()));
+  EXPECT_FALSE(m.outshone);
+
+  // The other way round, a stretched anchor refused by a precise window, is
+  // no reason to rebuild.
+  TmstMapper narrow = ideal_mapper(8);
+  TmstUnwrapState narrow_unwrap;
+  unwrap_tick(narrow_unwrap, 70000);
+  ScriptedSource off([](int) {
+    TmstSnapshot s = ideal_snapshot(80000, 99000);
+    s.raw_before_ns += 98000;
+    s.raw_after_ns += 98000;
+    return s;
+  });
+  EXPECT_FALSE(insert_fresh_anchor(narrow, narrow_unwrap, off, AnchorGate::plain()));
+  EXPECT_FALSE(narrow.outshone);
+}
+
 TEST(EstablishAnchorMap, StopsAtFourAcceptedFitsOrGivesUpAfterSixteen) {
   TmstMapper m;
   TmstUnwrapState unwrap;
