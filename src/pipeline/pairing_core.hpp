@@ -90,12 +90,12 @@ class PairingCore {
   // with the oldest pending event: next, resync, or map.
   SampleVerdict pair_sample(const FifoPacket& packet, std::uint32_t remaining_samples, const TmstMapper& mapper);
   // The mapping asked for by the last pair_sample: next, again, reanchor or emit.
+  SampleVerdict accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
+                               std::uint64_t wrap_count);
   // Instead of accept_mapping when the map refused a precise fresh anchor
   // because it was built from stretched ones: a resync that rebuilds it, with
   // this sample among the discarded.
   SampleVerdict rebuild_wide_map();
-  SampleVerdict accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
-                               std::uint64_t wrap_count);
 
   // --- Recovery ---
   // The loss report; throws it in strict mode.

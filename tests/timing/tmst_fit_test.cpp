@@ -260,6 +260,19 @@ TEST(WideAnchors, AWindowOfStretchedAnchorsIsOutshoneByAPreciseOne) {
   EXPECT_TRUE(insert_fresh_anchor(m, unwrap, agreeing, AnchorGate::plain()));
   EXPECT_FALSE(m.outshone);
 
+  // Latches closer to the truth: a precise anchor fits, but the wide half
+  // windows alone keep the sample outside the gate.
+  TmstMapper near;
+  for (std::uint64_t tick = 0; tick <= 150000; tick += 10000) {
+    near.add_anchor(anchor(tick, base_raw_ns + tick * 1000 + 40000, 99000), 50000);
+  }
+  TmstUnwrapState near_unwrap;
+  unwrap_tick(near_unwrap, 150000);
+  ScriptedSource quick([](int i) { return ideal_snapshot(160000 + 1000 * static_cast<std::uint64_t>(i)); });
+  EXPECT_FALSE(insert_fresh_anchor(near, near_unwrap, quick, AnchorGate::sample(160000, 80000)));
+  EXPECT_EQ(near.last_rejected.reject_reason, fit_reject_sample_uncertainty_too_large);
+  EXPECT_TRUE(near.outshone);
+
   // The other way round, a stretched anchor refused by a precise window, is
   // no reason to rebuild.
   TmstMapper narrow = ideal_mapper(8);
