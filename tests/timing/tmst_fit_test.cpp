@@ -228,12 +228,30 @@ TEST(WideAnchors, OneStretchedSnapshotCannotPoisonTheWindow) {
 // A map built while every snapshot was stretched the same way agrees with
 // itself, well off the true line; only a rebuild lets precise anchors back in.
 TEST(WideAnchors, AWindowOfStretchedAnchorsIsOutshoneByAPreciseOne) {
-  // Every latch at the start of its bracket, the bracket just under the gate.
-  const auto stretched_anchor = [](std::uint64_t tick) {
-    return anchor(tick, base_raw_ns + tick * 1000 + 98000, 99000);
+  // Brackets just under the gate, every latch late_ns before the midpoint.
+  const auto stretched_window = [](std::uint64_t late_ns) {
+    TmstMapper m;
+    for (std::uint64_t tick = 0; tick <= 150000; tick += 10000) {
+      m.add_anchor(anchor(tick, base_raw_ns + tick * 1000 + late_ns, 99000), 50000);
+    }
+    return m;
   };
-  TmstMapper m;
-  for (std::uint64_t tick = 0; tick <= 150000; tick += 10000) m.add_anchor(stretched_anchor(tick), 50000);
+  const auto stretched_snapshot = [](std::uint64_t tick) {
+    TmstSnapshot s = ideal_snapshot(tick, 99000);
+    s.raw_before_ns += 98000;
+    s.raw_after_ns += 98000;
+    return s;
+  };
+  const auto unwrapped_to = [](std::uint64_t tick) {
+    TmstUnwrapState unwrap;
+    unwrap_tick(unwrap, static_cast<std::uint32_t>(tick));
+    return unwrap;
+  };
+  const auto quick_from = [](std::uint64_t tick) {
+    return ScriptedSource([tick](int i) { return ideal_snapshot(tick + 1000 * static_cast<std::uint64_t>(i)); });
+  };
+
+  TmstMapper m = stretched_window(98000);
   ASSERT_TRUE(m.fit.valid);
   EXPECT_TRUE(window_outshone_by(m, ideal(160000)));
   EXPECT_FALSE(window_outshone_by(m, ideal(160000, 33000)));  // three times is not far wider
@@ -244,31 +262,21 @@ TEST(WideAnchors, AWindowOfStretchedAnchorsIsOutshoneByAPreciseOne) {
 
   // The refresh refuses the precise anchor and says so; one that agrees with
   // the window goes in and clears it.
-  TmstUnwrapState unwrap;
-  unwrap_tick(unwrap, 150000);
-  ScriptedSource precise([](int i) { return ideal_snapshot(160000 + 1000 * static_cast<std::uint64_t>(i)); });
+  TmstUnwrapState unwrap = unwrapped_to(150000);
+  ScriptedSource precise = quick_from(160000);
   EXPECT_FALSE(insert_fresh_anchor(m, unwrap, precise, AnchorGate::sample(160000, 1000)));
   EXPECT_EQ(precise.snapshots, 1);
   EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
   EXPECT_TRUE(m.outshone);
-  ScriptedSource agreeing([&](int) {
-    TmstSnapshot s = ideal_snapshot(170000, 99000);
-    s.raw_before_ns += 98000;
-    s.raw_after_ns += 98000;
-    return s;
-  });
+  ScriptedSource agreeing([&](int) { return stretched_snapshot(170000); });
   EXPECT_TRUE(insert_fresh_anchor(m, unwrap, agreeing, AnchorGate::plain()));
   EXPECT_FALSE(m.outshone);
 
   // Latches closer to the truth: a precise anchor fits, but the wide half
   // windows alone keep the sample outside the gate.
-  TmstMapper near;
-  for (std::uint64_t tick = 0; tick <= 150000; tick += 10000) {
-    near.add_anchor(anchor(tick, base_raw_ns + tick * 1000 + 40000, 99000), 50000);
-  }
-  TmstUnwrapState near_unwrap;
-  unwrap_tick(near_unwrap, 150000);
-  ScriptedSource quick([](int i) { return ideal_snapshot(160000 + 1000 * static_cast<std::uint64_t>(i)); });
+  TmstMapper near = stretched_window(40000);
+  TmstUnwrapState near_unwrap = unwrapped_to(150000);
+  ScriptedSource quick = quick_from(160000);
   EXPECT_FALSE(insert_fresh_anchor(near, near_unwrap, quick, AnchorGate::sample(160000, 80000)));
   EXPECT_EQ(near.last_rejected.reject_reason, fit_reject_sample_uncertainty_too_large);
   EXPECT_TRUE(near.outshone);
@@ -276,14 +284,8 @@ TEST(WideAnchors, AWindowOfStretchedAnchorsIsOutshoneByAPreciseOne) {
   // The other way round, a stretched anchor refused by a precise window, is
   // no reason to rebuild.
   TmstMapper narrow = ideal_mapper(8);
-  TmstUnwrapState narrow_unwrap;
-  unwrap_tick(narrow_unwrap, 70000);
-  ScriptedSource off([](int) {
-    TmstSnapshot s = ideal_snapshot(80000, 99000);
-    s.raw_before_ns += 98000;
-    s.raw_after_ns += 98000;
-    return s;
-  });
+  TmstUnwrapState narrow_unwrap = unwrapped_to(70000);
+  ScriptedSource off([&](int) { return stretched_snapshot(80000); });
   EXPECT_FALSE(insert_fresh_anchor(narrow, narrow_unwrap, off, AnchorGate::plain()));
   EXPECT_FALSE(narrow.outshone);
 }
