@@ -96,6 +96,9 @@ bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_lim
 
 namespace {
 
+// No anchor's index: median_half_window then leaves none out.
+constexpr std::uint32_t skip_none = tmst_anchor_capacity;
+
 // The median half window of the first count anchors, leaving out the one at skip.
 std::uint64_t median_half_window(const std::array<TmstAnchor, tmst_anchor_capacity>& anchors, std::uint32_t count,
                                  std::uint32_t skip) noexcept {
@@ -130,7 +133,7 @@ bool TmstMapper::drop_wide_anchor() {
 
 bool window_outshone_by(const TmstMapper& mapper, const TmstAnchor& fresh) noexcept {
   if (mapper.anchor_count == 0) return false;
-  return wide_against(median_half_window(mapper.anchors, mapper.anchor_count, tmst_anchor_capacity),
+  return wide_against(median_half_window(mapper.anchors, mapper.anchor_count, skip_none),
                       fresh.half_window_ns());
 }
 
