@@ -82,6 +82,8 @@ TEST(ResyncReport, EvidenceSpansQueueAndTrigger) {
   FifoBatch batch;
   batch.first_packet_header = 0x68;
   batch.last_packet_header = 0x8;
+  batch.spi_read_start_raw_ns = 1000;
+  batch.spi_read_end_raw_ns = 2500;
   const ResyncReportInput in{"m", recovery_gpio_sequence_gap, 3, 3, &batch, &trigger, 0, 0, 10, 30};
   const std::string r = format_resync_report(in, queue);
   EXPECT_TRUE(contains(r, "fifo_batch_present=1, fifo_byte_count=0, accepted_packet_count=0, "
@@ -89,7 +91,8 @@ TEST(ResyncReport, EvidenceSpansQueueAndTrigger) {
   EXPECT_TRUE(contains(r, "gpio_pending_depth=2, gpio_event_evidence_count=3, gpio_first_line_seqno=10, "
                           "gpio_last_line_seqno=15, gpio_sequence_valid=1, missing_sequence_count=5, "
                           "gpio_trigger_line_seqno=15, gpio_trigger_missing_sequence_count=3, "));
-  EXPECT_TRUE(contains(r, "gpio_delivery_age_min_ns=90, gpio_delivery_age_max_ns=2000, "));
+  EXPECT_TRUE(contains(r, "spi_read_start_raw_ns=1000, spi_read_end_raw_ns=2500, "
+                          "gpio_delivery_age_min_ns=90, gpio_delivery_age_max_ns=2000, "));
 }
 
 TEST(ResyncReport, RetrySuccessAndFailureLines) {
