@@ -52,30 +52,37 @@ BENCHMARK(BM_ParseFullFifoBatch);
 
 // Sixteen anchors 80 ms apart on a clock 2500 ppm fast, with bracket widths and
 // latch points as an SPI message of 10 to 25 us gives them, far from tick 0.
-TmstMapper full_mapper(bool bracket_fit = false) {
-  TmstMapper mapper;
-  mapper.bracket_fit = bracket_fit;
+TmstAnchor bench_anchor(std::uint64_t i) {
   const std::uint64_t tick0 = 7'000'000'000ULL;
   const std::uint64_t raw0 = 1'234'567'890'123'456ULL;
+  const std::uint64_t tick = tick0 + i * 80'000;
+  const std::uint64_t latch = raw0 + (i * 80'000 * 9975) / 10;
+  const std::uint64_t width = 10'000 + (i * 7919) % 15'000;
+  const std::uint64_t before = latch - (width * (3 + i % 5)) / 8;
+  return {tick, before, before + width};
+}
+
+TmstMapper full_mapper(bool bracket_fit = false) {
+  TmstMapper mapper(bracket_fit);
   for (std::uint64_t i = 0; i < tmst_anchor_capacity; ++i) {
-    const std::uint64_t tick = tick0 + i * 80'000;
-    const std::uint64_t latch = raw0 + (i * 80'000 * 9975) / 10;
-    const std::uint64_t width = 10'000 + (i * 7919) % 15'000;
-    const std::uint64_t before = latch - (width * (3 + i % 5)) / 8;
-    mapper.add_anchor({tick, before, before + width}, tmst_refresh_residual_limit_ns);
+    mapper.add_anchor(bench_anchor(i), tmst_refresh_residual_limit_ns);
   }
   return mapper;
 }
 
-// With bracket_fit, the same window through the bracket line (pelmor_config.flags bit 1).
+// A full window takes one more anchor: one refit of sixteen, plus the copy of
+// the window that keeps the benchmark's state. With bracket_fit, the same
+// window through the bracket line (pelmor_config.flags bit 1).
 void refit_16_anchors(benchmark::State& state, bool bracket_fit) {
-  TmstMapper mapper = full_mapper(bracket_fit);
-  if (!mapper.fit.valid || mapper.anchor_count != tmst_anchor_capacity) {
+  const TmstMapper full = full_mapper(bracket_fit);
+  const TmstAnchor next = bench_anchor(tmst_anchor_capacity);
+  if (!full.fit().valid || full.anchors().size() != tmst_anchor_capacity) {
     state.SkipWithError("the anchor window did not fit");
     return;
   }
   for (auto _ : state) {
-    benchmark::DoNotOptimize(mapper.refit(tmst_refresh_residual_limit_ns));
+    TmstMapper mapper = full;
+    benchmark::DoNotOptimize(mapper.add_anchor(next, tmst_refresh_residual_limit_ns));
     benchmark::ClobberMemory();
   }
 }
@@ -86,11 +93,11 @@ BENCHMARK(BM_Refit16AnchorsBracketFit);
 
 void BM_MapOneTick(benchmark::State& state) {
   const TmstMapper mapper = full_mapper();
-  std::uint64_t tick = mapper.fit.last_tick;
+  std::uint64_t tick = mapper.fit().last_tick;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(map_tmst_to_raw(mapper, tick, 12'000));
+    benchmark::DoNotOptimize(map_tmst_to_raw(mapper.fit(), tick, 12'000));
     tick += 5000;
-    if (tick > mapper.fit.last_tick + 400'000) tick = mapper.fit.last_tick;
+    if (tick > mapper.fit().last_tick + 400'000) tick = mapper.fit().last_tick;
   }
 }
 BENCHMARK(BM_MapOneTick);
@@ -109,9 +116,9 @@ BENCHMARK(BM_BridgeOneEvent);
 // The detail a TMST drop carries: the mapping diagnostic with the fit's.
 void BM_FormatDropDetail(benchmark::State& state) {
   const TmstMapper mapper = full_mapper();
-  const TmstMapping mapping = map_tmst_to_raw(mapper, mapper.fit.last_tick + 5000, 190'000);
+  const TmstMapping mapping = map_tmst_to_raw(mapper.fit(), mapper.fit().last_tick + 5000, 190'000);
   for (auto _ : state) {
-    std::string detail = format_mapping_diagnostic(mapping, mapper.fit, mapper.fit.last_tick + 5000, 190'000, 64'000);
+    std::string detail = format_mapping_diagnostic(mapping, mapper.fit(), mapper.fit().last_tick + 5000, 190'000, 64'000);
     benchmark::DoNotOptimize(detail.data());
   }
 }
@@ -121,25 +128,20 @@ BENCHMARK(BM_FormatDropDetail);
 // standard error stream, here pointed at /dev/null.
 void BM_RecordLoggedDrop(benchmark::State& state) {
   const TmstMapper mapper = full_mapper();
-  const TmstMapping mapping = map_tmst_to_raw(mapper, mapper.fit.last_tick + 5000, 190'000);
+  const TmstMapping mapping = map_tmst_to_raw(mapper.fit(), mapper.fit().last_tick + 5000, 190'000);
   const std::string detail =
-      format_mapping_diagnostic(mapping, mapper.fit, mapper.fit.last_tick + 5000, 190'000, 64'000);
+      format_mapping_diagnostic(mapping, mapper.fit(), mapper.fit().last_tick + 5000, 190'000, 64'000);
   const int saved_stderr = ::dup(STDERR_FILENO);
   const int null_fd = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (saved_stderr < 0 || null_fd < 0 || ::dup2(null_fd, STDERR_FILENO) < 0) {
     state.SkipWithError("cannot redirect the standard error stream");
     return;
   }
-  StepReference reference;
-  PendingEventQueue queue;
-  StepGateResult gate;
-  gate.passed = true;
-  gate.candidate_tick = mapper.fit.last_tick + 5000;
   for (auto _ : state) {
-    TimingDropCounters counters;  // below the full-log limit: every drop is written
-    record_timing_drop(counters, reference, queue, gate, false, timing_drop_tmst_raw,
-                       "TMST to RAW timing sample dropped", detail, timing_drop_stage_none);
-    benchmark::DoNotOptimize(counters.total_drops);
+    DropAccounting accounting;  // below the full-log limit: every drop is written
+    accounting.record_drop(TimingDropKind::tmst_raw, TimingDropStage::none, "TMST to RAW timing sample dropped",
+                           detail);
+    benchmark::DoNotOptimize(accounting.counters().total_drops);
   }
   ::dup2(saved_stderr, STDERR_FILENO);
   ::close(saved_stderr);

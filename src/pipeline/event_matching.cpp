@@ -8,12 +8,12 @@ EventMatchDecision decide_event_match(const BridgedEvent& event, std::size_t pen
   EventMatchDecision d;
   if (event.seqno_gap) {
     d.action = EventMatchAction::resync_sequence_gap;
-    d.reason = recovery_gpio_sequence_gap;
+    d.reason = RecoveryReason::gpio_sequence_gap;
     d.message = "GPIO395 line event sequence gap";
     d.count_boundary_resync = true;
   } else if (pending_depth >= pending_event_queue_limit) {
     d.action = EventMatchAction::resync_queue_overflow;
-    d.reason = recovery_gpio_queue_overflow;
+    d.reason = RecoveryReason::gpio_queue_overflow;
     d.message = "too many unmatched GPIO395 events";
   } else {
     return d;

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "pipeline/resync_report.hpp"
+#include "pipeline/recovery_reason.hpp"
 #include "timing/bridged_event.hpp"
 
 namespace pelmor_lusk {
@@ -19,7 +19,7 @@ enum class EventMatchAction : std::uint32_t {
 struct EventMatchDecision {
   EventMatchAction action = EventMatchAction::append;
   // For the resync actions:
-  std::uint32_t reason = recovery_batch_mismatch;
+  RecoveryReason reason = RecoveryReason::batch_mismatch;
   const char* message = "";
   bool count_boundary_resync = false;              // only sequence gaps count
   std::uint32_t discarded_gpio_events_pre_recovery = 0;  // the queue plus this event

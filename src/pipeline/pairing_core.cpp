@@ -1,21 +1,24 @@
 #include "pipeline/pairing_core.hpp"
 
 #include <stdexcept>
+#include <utility>
 
 #include "common/text.hpp"
 #include "pipeline/event_matching.hpp"
+#include "pipeline/resync_report.hpp"
 #include "sensor/sample_units.hpp"
 
 namespace pelmor_lusk {
 
-PairingCore::PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing,
-                         bool pairing_check) noexcept
+PairingCore::PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, const RunOptions& options,
+                         TmstTimebase& timebase) noexcept
     : profile_(profile),
       sample_rate_hz_(sample_rate_hz),
-      strict_timing_(strict_timing),
+      strict_timing_(options.strict_timing),
       calibration_(phase_calibration_of(profile)),
+      timebase_(timebase),
       decimator_(profile) {
-  if (pairing_check) slip_check_.emplace(profile.nominal_step_ticks * tmst_nominal_ns_per_tick);
+  if (options.pairing_check) slip_check_.emplace(profile.nominal_step_ticks * tmst_nominal_ns_per_tick);
 }
 
 std::optional<ResyncRequest> PairingCore::admit_event(const BridgedEvent& event) {
@@ -24,7 +27,7 @@ std::optional<ResyncRequest> PairingCore::admit_event(const BridgedEvent& event)
     pending_.push_back(event);
     return std::nullopt;
   }
-  if (decision.count_boundary_resync) counters_.boundary_resyncs += 1;
+  if (decision.count_boundary_resync) accounting_.record_boundary_resync();
   ResyncRequest request;
   request.reason = decision.reason;
   request.discarded_gpio_events_pre_recovery = decision.discarded_gpio_events_pre_recovery;
@@ -34,147 +37,150 @@ std::optional<ResyncRequest> PairingCore::admit_event(const BridgedEvent& event)
 }
 
 ResyncRequest PairingCore::batch_mismatch(std::uint32_t remaining_samples) const {
-  ResyncRequest request;
-  request.reason = recovery_batch_mismatch;
-  request.discarded_fifo_samples = remaining_samples;
-  request.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
-  request.message = "FIFO/GPIO batch boundary mismatch";
-  return request;
+  return resync_verdict(RecoveryReason::batch_mismatch, "FIFO/GPIO batch boundary mismatch", remaining_samples,
+                        nullptr)
+      .resync;
 }
 
-StepGateMessageFields PairingCore::step_gate_message_fields(std::uint16_t low16) const noexcept {
+SampleVerdict PairingCore::resync_verdict(RecoveryReason reason, std::string message,
+                                          std::uint32_t discarded_fifo_samples, const BridgedEvent* trigger) const {
+  SampleVerdict verdict;
+  verdict.action = SampleAction::resync;
+  verdict.resync.reason = reason;
+  verdict.resync.message = std::move(message);
+  verdict.resync.discarded_fifo_samples = discarded_fifo_samples;
+  verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
+  if (trigger != nullptr) verdict.resync.trigger = *trigger;
+  return verdict;
+}
+
+SampleVerdict PairingCore::pair_sample(const FifoPacket& packet, std::uint32_t remaining_samples) {
+  if (pending_.empty()) throw std::runtime_error("FIFO sample has no matching GPIO395 event");
+  const BridgedEvent event = pending_.front();
+
+  const StepGateResult gate =
+      step_.evaluate(boundary_reference_tick_, packet.fifo_tmst, profile_.min_step_ticks, profile_.max_step_ticks);
+  if (!gate.passed) return step_gate_failed(packet, event, gate, remaining_samples);
+  if (!event.valid) return drop_for_bridge(packet, event, gate, remaining_samples);
+
+  const std::uint64_t tick = gate.candidate_tick;
+  if (refresh_due(tick)) timebase_.refresh_for_sample(tick, event.half_window_ns);
+  const MapperRefreshOutcome outcome =
+      timebase_.refresh_mapper(strict_timing_, tick, event.half_window_ns, event.delivery_age_ns);
+  // Judged against stretched anchors, precise ones would be refused until
+  // drops pile up; rebuilding at once is quicker. This sample goes with the batch.
+  if (timebase_.outshone() && !strict_timing_) {
+    return resync_verdict(RecoveryReason::wide_anchor_map,
+                          "TMST anchor map built from stretched snapshots refused a precise one", remaining_samples,
+                          nullptr);
+  }
+  return judge_mapped(packet, event, gate, outcome, remaining_samples);
+}
+
+SampleVerdict PairingCore::step_gate_failed(const FifoPacket& packet, const BridgedEvent& event,
+                                            const StepGateResult& gate, std::uint32_t remaining_samples) {
   StepGateMessageFields fields;
   fields.rate_hz = profile_.rate_hz;
-  fields.fifo_low16 = low16;
+  fields.fifo_low16 = packet.fifo_tmst;
   fields.min_step_ticks = profile_.min_step_ticks;
   fields.max_step_ticks = profile_.max_step_ticks;
-  fields.allow_short_first_step = step_.allow_short_first_step;
+  fields.allow_short_first_step = step_.allow_short_first_step();
   fields.runtime_boundary_context = runtime_boundary_context_;
   fields.arm_start_raw_ns = runtime_arm_.arm_start_raw_ns;
   fields.arm_boundary_event_raw_ns = runtime_arm_.arm_boundary_event_raw_ns;
   fields.arm_boundary_uncertainty_ns = runtime_arm_.arm_boundary_uncertainty_ns;
   fields.arm_boundary_age_ns = runtime_arm_.arm_boundary_age_ns;
-  return fields;
-}
-
-SampleVerdict PairingCore::pair_sample(const FifoPacket& packet, std::uint32_t remaining_samples,
-                                       const TmstMapper& mapper) {
-  if (pending_.empty()) throw std::runtime_error("FIFO sample has no matching GPIO395 event");
-  const BridgedEvent event = pending_.front();
-  SampleVerdict verdict;
-
-  const StepGateResult gate = evaluate_step_gate(step_, boundary_reference_tick_, packet.fifo_tmst,
-                                                 profile_.min_step_ticks, profile_.max_step_ticks);
-  if (!gate.passed) {
-    std::string message = format_step_gate_message(gate, step_gate_message_fields(packet.fifo_tmst));
-    step_.have_reference = false;
-    step_.reference_tick = 0;
-    if (strict_timing_) throw std::runtime_error(message);
-    verdict.action = SampleAction::resync;
-    verdict.resync.reason = recovery_batch_mismatch;
-    verdict.resync.discarded_fifo_samples = remaining_samples;
-    verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
-    verdict.resync.trigger = event;
-    verdict.resync.message = std::move(message);
-    return verdict;
-  }
-
-  current_remaining_ = remaining_samples;
-  if (!event.valid) return drop_for_bridge(packet, event, gate, mapper);
-
-  current_gate_ = gate;
-  current_event_ = event;
-  verdict.action = SampleAction::map;
-  verdict.mapping.tick = gate.candidate_tick;
-  verdict.mapping.half_window_ns = event.half_window_ns;
-  verdict.mapping.delivery_age_ns = event.delivery_age_ns;
-  const bool periodic = accepted_sample_count_ % periodic_refresh_every == 0;
-  verdict.mapping.refresh_due = accepted_sample_count_ != 0 &&
-                                (periodic || mapper.wants_early_anchor(gate.candidate_tick)) && mapper.fit.valid &&
-                                gate.candidate_tick >= boundary_reference_tick_;
-  return verdict;
+  std::string message = format_step_gate_message(gate, fields);
+  step_.advance(gate);  // a failed gate leaves no reference
+  if (strict_timing_) throw std::runtime_error(message);
+  return resync_verdict(RecoveryReason::batch_mismatch, std::move(message), remaining_samples, &event);
 }
 
 SampleVerdict PairingCore::drop_for_bridge(const FifoPacket& packet, const BridgedEvent& event,
-                                           const StepGateResult& gate, const TmstMapper& mapper) {
+                                           const StepGateResult& gate, std::uint32_t remaining_samples) {
   const std::uint64_t tick = gate.candidate_tick;
   phase_.on_bridge_discard();
-  const TmstMapping mapping = map_tmst_to_raw(mapper, tick, event.half_window_ns);
+  const TmstMapper& mapper = timebase_.mapper();
+  const TmstMapping mapping = map_tmst_to_raw(mapper.fit(), tick, event.half_window_ns);
   std::optional<PhaseDecision> decision;
   if (mapping.raw_ns != 0) decision = decide_phase(event.raw_ns, mapping.raw_ns, mapping.uncertainty_us, calibration_);
   const std::string detail = format_bridge_drop_detail(
-      event, packet.fifo_tmst, phase_.startup_alignment_discards, decision, mapping.valid,
-      format_mapping_diagnostic(mapping, mapper.fit, tick, event.half_window_ns, event.delivery_age_ns));
+      event, packet.fifo_tmst, phase_.startup_alignment_discards(), decision, mapping.valid,
+      format_mapping_diagnostic(mapping, mapper.fit(), tick, event.half_window_ns, event.delivery_age_ns));
   if (strict_timing_) {
     throw std::runtime_error("GPIO395 MONOTONIC to RAW bridge exceeded uncertainty gate: " + detail);
   }
-  record_timing_drop(counters_, step_, pending_, gate, true, timing_drop_bridge,
-                     "GPIO395 MONOTONIC to RAW bridge timing sample dropped", detail, timing_drop_stage_none);
-  return after_timing_drop();
+  drop_sample(gate, true, TimingDropKind::bridge, TimingDropStage::none,
+              "GPIO395 MONOTONIC to RAW bridge timing sample dropped", detail);
+  return after_timing_drop(remaining_samples);
 }
 
-SampleVerdict PairingCore::after_timing_drop() {
-  SampleVerdict verdict;
+bool PairingCore::refresh_due(std::uint64_t tick) const noexcept {
+  if (accepted_sample_count_ == 0) return false;
+  const TmstMapper& mapper = timebase_.mapper();
+  const bool periodic = accepted_sample_count_ % periodic_refresh_every == 0;
+  return (periodic || mapper.wants_early_anchor(tick)) && mapper.fit().valid && tick >= boundary_reference_tick_;
+}
+
+void PairingCore::drop_sample(const StepGateResult& gate, bool consume_event, TimingDropKind kind,
+                              TimingDropStage stage, std::string_view message, std::string_view detail) {
+  step_.advance(gate);
+  if (consume_event) pending_.pop_front();
+  accounting_.record_drop(kind, stage, message, detail);
+}
+
+SampleVerdict PairingCore::after_timing_drop(std::uint32_t remaining_samples) {
   drop_run_ += 1;
   // Drops that outlast a second no longer come from one bad moment: the map is
   // rebuilt from fresh snapshots instead of waiting for one to be accepted.
-  if (drop_run_ < profile_.odr_hz) return verdict;
-  verdict.action = SampleAction::resync;
-  verdict.resync.reason = recovery_timing_drop_run;
-  verdict.resync.message = "timing samples dropped for a second in a row";
-  verdict.resync.discarded_fifo_samples = current_remaining_ - 1;  // the dropped one is counted already
-  verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
-  return verdict;
+  if (drop_run_ < profile_.odr_hz) return SampleVerdict{};
+  // The dropped sample is counted already.
+  return resync_verdict(RecoveryReason::timing_drop_run, "timing samples dropped for a second in a row",
+                        remaining_samples - 1, nullptr);
 }
 
-SampleVerdict PairingCore::rebuild_wide_map() {
+SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedEvent& event,
+                                        const StepGateResult& gate, const MapperRefreshOutcome& outcome,
+                                        std::uint32_t remaining_samples) {
   SampleVerdict verdict;
-  verdict.action = SampleAction::resync;
-  verdict.resync.reason = recovery_wide_anchor_map;
-  verdict.resync.message = "TMST anchor map built from stretched snapshots refused a precise one";
-  verdict.resync.discarded_fifo_samples = current_remaining_;
-  verdict.resync.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
-  return verdict;
-}
-
-SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
-                                          std::uint64_t wrap_count) {
-  SampleVerdict verdict;
-  const StepGateResult gate = current_gate_;
-  const BridgedEvent event = current_event_;
   if (!outcome.message.empty()) {
-    record_timing_drop(counters_, step_, pending_, gate, true, timing_drop_tmst_raw,
-                       "TMST to RAW timing sample dropped", outcome.message, timing_drop_stage_none);
-    return after_timing_drop();
+    drop_sample(gate, true, TimingDropKind::tmst_raw, TimingDropStage::none, "TMST to RAW timing sample dropped",
+                outcome.message);
+    return after_timing_drop(remaining_samples);
   }
   const std::uint64_t mapped_ns = outcome.mapping.raw_ns;
   if (mapped_ns == 0) throw std::runtime_error("mapped sample timestamp is zero");
 
   const PhaseDecision phase = decide_phase(event.raw_ns, mapped_ns, outcome.mapping.uncertainty_us, calibration_);
-  if (phase.action != phase_accept) {
-    PhaseMismatchContext context;
-    context.calibration = calibration_;
-    context.event = &event;
-    context.fifo_low16 = packet.fifo_tmst;
-    context.strict_timing = strict_timing_;
-    context.resume = gate;
-    handle_phase_mismatch(phase, context, phase_, counters_, step_, pending_);
-    // A dropped event leaves the same sample to pair with the next one.
-    verdict.action = phase.action == phase_drop_event ? SampleAction::again : SampleAction::next;
+  if (phase.action != PhaseAction::accept) {
+    const std::string detail = phase_.on_mismatch(phase, calibration_, event, packet.fifo_tmst, strict_timing_);
+    if (phase.action == PhaseAction::drop_event) {
+      // The same sample pairs with the next event.
+      accounting_.record_dropped_event();
+      pending_.pop_front();
+      verdict.action = SampleAction::again;
+      return verdict;
+    }
+    // The event waits for the next sample.
+    drop_sample(gate, false, TimingDropKind::phase, phase_.drop_stage(), "FIFO/GPIO phase timing sample dropped",
+                detail);
     return verdict;
   }
 
-  if (std::optional<ResyncRequest> slip = has_axis_sentinel(packet) ? std::nullopt : check_pairing(event, mapped_ns)) {
-    verdict.action = SampleAction::resync;
-    verdict.resync = std::move(*slip);
-    return verdict;
+  const bool sentinel = has_axis_sentinel(packet);
+  if (!sentinel) {
+    if (std::optional<ResyncRequest> slip = check_pairing(event, mapped_ns, remaining_samples)) {
+      verdict.action = SampleAction::resync;
+      verdict.resync = std::move(*slip);
+      return verdict;
+    }
   }
 
   phase_.on_accept();
-  advance_step_reference(step_, gate);
+  step_.advance(gate);
   pending_.pop_front();
 
-  if (has_axis_sentinel(packet)) {
+  if (sentinel) {
     if (accepted_sample_count_ != 0) {
       throw std::runtime_error("IMU FIFO sample contains non-startup sentinel values");
     }
@@ -192,40 +198,38 @@ SampleVerdict PairingCore::accept_mapping(const FifoPacket& packet, const Mapper
   }
   last_mapped_ns_ = mapped_ns;
   accepted_sample_count_ += 1;
-  counters_.consecutive_drops = 0;
+  accounting_.record_accepted_sample();
   drop_run_ = 0;
 
   if (decimator_.admit()) {
     verdict.action = SampleAction::emit;
-    fill_sample(packet, event, mapped_ns, outcome.mapping.uncertainty_us, wrap_count, verdict.sample);
+    fill_sample(packet, event, outcome.mapping, verdict.sample);
   }
   return verdict;
 }
 
-std::optional<ResyncRequest> PairingCore::check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns) {
+std::optional<ResyncRequest> PairingCore::check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns,
+                                                        std::uint32_t remaining_samples) {
   if (!slip_check_) return std::nullopt;
   const std::optional<PairingSlip> slip = slip_check_->observe(event.raw_ns, mapped_ns);
   if (!slip) return std::nullopt;
   // Seen by a client like a sequence gap: a boundary resync of the run.
-  counters_.boundary_resyncs += 1;
-  ResyncRequest request;
-  request.reason = recovery_pairing_slip;
-  request.message = format_pairing_slip_message(*slip);
-  request.discarded_fifo_samples = current_remaining_;
-  request.discarded_gpio_events_pre_recovery = saturate_u32(pending_.size());
-  request.trigger = event;
-  return request;
+  accounting_.record_boundary_resync();
+  return resync_verdict(RecoveryReason::pairing_slip, format_pairing_slip_message(*slip), remaining_samples, &event)
+      .resync;
 }
 
-void PairingCore::fill_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
-                              std::uint32_t uncertainty_us, std::uint64_t wrap_count, ImuSample& sample) {
+void PairingCore::fill_sample(const FifoPacket& packet, const BridgedEvent& event, const TmstMapping& mapping,
+                              ImuSample& sample) {
+  const TimingDropCounters& counters = accounting_.counters();
+  const std::uint64_t wrap_count = timebase_.wrap_count();
   sample.event_time_raw_ns = event.raw_ns;
-  sample.mapped_time_raw_ns = mapped_ns;
+  sample.mapped_time_raw_ns = mapping.raw_ns;
   sample.sample_index = sample_sequence_++;
-  sample.phase_uncertainty_us = uncertainty_us;
-  sample.boundary_resyncs = counters_.boundary_resyncs;
-  sample.batch_failures = counters_.batch_failures;
-  sample.total_drops = counters_.total_drops;
+  sample.phase_uncertainty_us = mapping.uncertainty_us;
+  sample.boundary_resyncs = counters.boundary_resyncs;
+  sample.batch_failures = counters.batch_failures;
+  sample.total_drops = counters.total_drops;
   sample.tmst_wrap_count = wrap_count > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(wrap_count);
   sample.fifo_timestamp_low16 = packet.fifo_tmst;
   const SiReading si = to_si_units(packet);
@@ -244,6 +248,7 @@ void PairingCore::fill_sample(const FifoPacket& packet, const BridgedEvent& even
 }
 
 std::string PairingCore::begin_resync(const ResyncRequest& request, const FifoBatch* batch) const {
+  const TimingDropCounters& counters = accounting_.counters();
   ResyncReportInput input;
   input.message = request.message;
   input.reason = request.reason;
@@ -251,8 +256,8 @@ std::string PairingCore::begin_resync(const ResyncRequest& request, const FifoBa
   input.discarded_gpio_events_pre_recovery = request.discarded_gpio_events_pre_recovery;
   input.batch = batch;
   input.trigger = request.trigger ? &*request.trigger : nullptr;
-  input.drop_event_count = counters_.drop_event_count;
-  input.drop_sample_count = counters_.drop_sample_count;
+  input.drop_event_count = counters.drop_event_count;
+  input.drop_sample_count = counters.drop_sample_count;
   input.pairing_timeout_ms = profile_.pairing_timeout_ms;
   input.sample_rate_hz = sample_rate_hz_;
   std::string report = format_resync_report(input, pending_);
@@ -264,9 +269,9 @@ void PairingCore::resync_succeeded(const ResyncRequest& request, std::string_vie
                                    const ArmBoundaryReport& arm, std::uint32_t attempts) {
   write_diagnostic_line(
       format_resync_success_line(report, arm, request.discarded_gpio_events_pre_recovery, attempts));
-  record_resync_success(counters_, request.reason, request.discarded_fifo_samples,
-                        discarded_gpio_events_total(arm, request.discarded_gpio_events_pre_recovery));
-  if (slip_check_) slip_check_->rearmed(request.reason == recovery_pairing_slip);
+  accounting_.record_resync_success(request.reason, request.discarded_fifo_samples,
+                                    discarded_gpio_events_total(arm, request.discarded_gpio_events_pre_recovery));
+  if (slip_check_) slip_check_->rearmed(request.reason == RecoveryReason::pairing_slip);
 }
 
 void PairingCore::resync_retrying(std::string_view report, std::uint32_t attempt, std::string_view error) const {
@@ -274,7 +279,7 @@ void PairingCore::resync_retrying(std::string_view report, std::uint32_t attempt
 }
 
 std::string PairingCore::resync_failed(const ResyncRequest& request, std::string_view error, std::uint32_t attempts) {
-  counters_.resync_failures += 1;
+  accounting_.record_resync_failure();
   return format_resync_failure_message(request.message, error, request.reason, request.discarded_fifo_samples,
                                        request.discarded_gpio_events_pre_recovery, attempts);
 }
@@ -286,7 +291,7 @@ void PairingCore::begin_arm() noexcept {
   boundary_reference_tick_ = 0;
   runtime_boundary_context_ = false;
   runtime_arm_ = ArmBoundaryReport{};
-  phase_ = PhaseAlignmentState{};
+  phase_ = PhaseAlignment{};
   if (slip_check_) slip_check_->rearmed(false);
 }
 
@@ -297,9 +302,7 @@ void PairingCore::set_runtime_boundary(const ArmBoundaryReport& arm) noexcept {
 
 void PairingCore::armed(std::uint64_t anchor_tick) noexcept {
   boundary_reference_tick_ = anchor_tick;
-  step_.have_reference = false;
-  step_.reference_tick = 0;
-  step_.allow_short_first_step = true;
+  step_.armed();
 }
 
 }  // namespace pelmor_lusk

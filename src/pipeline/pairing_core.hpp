@@ -1,8 +1,9 @@
 // The worker's per-sample decisions as one state machine. It is given INT1
-// events, FIFO packets and the mappings of their timestamps, and answers what to
-// do next; the worker loop around it does the waiting, reading and snapshotting.
-// It makes no system call and reads no clock. Fatal verdicts are thrown as
-// std::runtime_error carrying their text.
+// events and FIFO packets, maps each packet's timestamp through the run's
+// timebase, and answers one verdict per packet; the worker loop around it does
+// the waiting and reading. It makes no system call and reads no clock: the
+// timebase takes its snapshots from the source the run gave it. Fatal verdicts
+// are thrown as std::runtime_error carrying their text.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <string_view>
 
 #include "common/rate_profile.hpp"
+#include "common/run_options.hpp"
 #include "pipeline/arm_report.hpp"
 #include "pipeline/decimator.hpp"
 #include "pipeline/drop_accounting.hpp"
@@ -18,12 +20,12 @@
 #include "pipeline/pairing_slip.hpp"
 #include "pipeline/pending_event_queue.hpp"
 #include "pipeline/phase_alignment.hpp"
-#include "pipeline/resync_report.hpp"
+#include "pipeline/recovery_reason.hpp"
 #include "pipeline/step_gate.hpp"
 #include "sensor/fifo_batch.hpp"
 #include "timing/bridged_event.hpp"
-#include "timing/tmst_mapper.hpp"
 #include "timing/tmst_mapping.hpp"
+#include "timing/tmst_timebase.hpp"
 
 namespace pelmor_lusk {
 
@@ -34,7 +36,7 @@ inline constexpr std::uint32_t sentinel_reanchor_every = 16;
 
 // A request to give up the batch and the pending events and re-arm.
 struct ResyncRequest {
-  std::uint32_t reason = recovery_batch_mismatch;
+  RecoveryReason reason = RecoveryReason::batch_mismatch;
   std::uint32_t discarded_fifo_samples = 0;
   std::uint32_t discarded_gpio_events_pre_recovery = 0;
   std::optional<BridgedEvent> trigger;
@@ -44,22 +46,13 @@ struct ResyncRequest {
 enum class SampleAction : std::uint8_t {
   next,      // go on with the next packet
   again,     // pair the same packet again: its event was dropped
-  resync,    // give up the batch: `resync`
-  map,       // map `mapping`, then hand the outcome to accept_mapping
   emit,      // deliver `sample`, then the next packet
   reanchor,  // take a fresh anchor, then the next packet
-};
-
-struct MappingRequest {
-  std::uint64_t tick = 0;
-  std::uint64_t half_window_ns = 0;
-  std::uint64_t delivery_age_ns = 0;
-  bool refresh_due = false;  // offer a fresh anchor gated on tick first
+  resync,    // give up the batch: `resync`
 };
 
 struct SampleVerdict {
   SampleAction action = SampleAction::next;
-  MappingRequest mapping;
   ResyncRequest resync;
   ImuSample sample;
 };
@@ -71,9 +64,9 @@ inline PhaseCalibration phase_calibration_of(const RateProfile& profile) noexcep
 
 class PairingCore {
  public:
-  // pairing_check turns on the opt-in pairing-slip check.
-  PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, bool strict_timing,
-              bool pairing_check = false) noexcept;
+  // Samples are mapped through timebase, which the run re-arms and rebuilds.
+  PairingCore(const RateProfile& profile, std::uint32_t sample_rate_hz, const RunOptions& options,
+              TmstTimebase& timebase) noexcept;
 
   // --- Events ---
   // Queues the event, or asks for a resync; the caller fills in
@@ -87,15 +80,9 @@ class PairingCore {
 
   // --- Samples ---
   // Pairs packet (with remaining_samples left in its batch, itself included)
-  // with the oldest pending event: next, resync, or map.
-  SampleVerdict pair_sample(const FifoPacket& packet, std::uint32_t remaining_samples, const TmstMapper& mapper);
-  // The mapping asked for by the last pair_sample: next, again, reanchor or emit.
-  SampleVerdict accept_mapping(const FifoPacket& packet, const MapperRefreshOutcome& outcome,
-                               std::uint64_t wrap_count);
-  // Instead of accept_mapping when the map refused a precise fresh anchor
-  // because it was built from stretched ones: a resync that rebuilds it, with
-  // this sample among the discarded.
-  SampleVerdict rebuild_wide_map();
+  // with the oldest pending event, gates its step, maps its tick and judges
+  // the pair.
+  SampleVerdict pair_sample(const FifoPacket& packet, std::uint32_t remaining_samples);
 
   // --- Recovery ---
   // The loss report; throws it in strict mode.
@@ -105,7 +92,7 @@ class PairingCore {
   void resync_retrying(std::string_view report, std::uint32_t attempt, std::string_view error) const;
   // Counts the failure and returns the fatal text.
   std::string resync_failed(const ResyncRequest& request, std::string_view error, std::uint32_t attempts);
-  void count_batch_failure() noexcept { counters_.batch_failures += 1; }
+  void count_batch_failure() noexcept { accounting_.record_batch_failure(); }
 
   // --- Arming ---
   // Forgets the pending events, the step reference, the boundary and the phase
@@ -116,33 +103,44 @@ class PairingCore {
   void armed(std::uint64_t anchor_tick) noexcept;
 
   // --- End of run ---
-  void write_final_summary() { print_final_timing_drop_summary(counters_); }
+  void write_final_summary() { accounting_.write_final_summary(); }
 
-  const TimingDropCounters& counters() const noexcept { return counters_; }
+  const TimingDropCounters& counters() const noexcept { return accounting_.counters(); }
   std::uint64_t samples_emitted() const noexcept { return sample_sequence_; }
   std::size_t pending_events() const noexcept { return pending_.size(); }
-  const StepReference& step_reference() const noexcept { return step_; }
 
  private:
-  StepGateMessageFields step_gate_message_fields(std::uint16_t low16) const noexcept;
+  SampleVerdict resync_verdict(RecoveryReason reason, std::string message, std::uint32_t discarded_fifo_samples,
+                               const BridgedEvent* trigger) const;
+  SampleVerdict step_gate_failed(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
+                                 std::uint32_t remaining_samples);
   SampleVerdict drop_for_bridge(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
-                                const TmstMapper& mapper);
+                                std::uint32_t remaining_samples);
+  bool refresh_due(std::uint64_t tick) const noexcept;
+  SampleVerdict judge_mapped(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
+                             const MapperRefreshOutcome& outcome, std::uint32_t remaining_samples);
+  // The sample is dropped and counted; the step reference moves as for an
+  // accepted one.
+  void drop_sample(const StepGateResult& gate, bool consume_event, TimingDropKind kind, TimingDropStage stage,
+                   std::string_view message, std::string_view detail);
   // After a timing drop: next, or a resync that rebuilds the map once a second
   // of samples has been dropped in a row since the last arm.
-  SampleVerdict after_timing_drop();
+  SampleVerdict after_timing_drop(std::uint32_t remaining_samples);
   // A resync when the pairing-slip check, if on, sees a slip at this sample.
-  std::optional<ResyncRequest> check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns);
-  void fill_sample(const FifoPacket& packet, const BridgedEvent& event, std::uint64_t mapped_ns,
-                   std::uint32_t uncertainty_us, std::uint64_t wrap_count, ImuSample& sample);
+  std::optional<ResyncRequest> check_pairing(const BridgedEvent& event, std::uint64_t mapped_ns,
+                                             std::uint32_t remaining_samples);
+  void fill_sample(const FifoPacket& packet, const BridgedEvent& event, const TmstMapping& mapping,
+                   ImuSample& sample);
 
   const RateProfile& profile_;
   std::uint32_t sample_rate_hz_;
   bool strict_timing_;
   PhaseCalibration calibration_;
+  TmstTimebase& timebase_;
   std::optional<PairingSlipCheck> slip_check_;  // set when the check is on
 
   PendingEventQueue pending_;
-  TimingDropCounters counters_;
+  DropAccounting accounting_;
   Decimator decimator_;
 
   // Set by every arm.
@@ -150,21 +148,15 @@ class PairingCore {
   std::uint64_t boundary_reference_tick_ = 0;
   bool runtime_boundary_context_ = false;
   ArmBoundaryReport runtime_arm_;  // the last run-time re-arm, for the step-gate text
-  PhaseAlignmentState phase_;
+  PhaseAlignment phase_;
+  // Timing drops in a row since the last accepted sample or arm.
+  std::uint32_t drop_run_ = 0;
 
   // Whole run.
   std::uint64_t accepted_sample_count_ = 0;
   std::uint32_t startup_sentinel_count_ = 0;
   std::uint64_t sample_sequence_ = 0;
   std::uint64_t last_mapped_ns_ = 0;  // 0 = none yet
-
-  // Timing drops in a row since the last accepted sample or arm.
-  std::uint32_t drop_run_ = 0;
-
-  // Between pair_sample and accept_mapping.
-  StepGateResult current_gate_{};
-  BridgedEvent current_event_{};
-  std::uint32_t current_remaining_ = 0;
 };
 
 }  // namespace pelmor_lusk

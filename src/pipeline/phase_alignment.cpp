@@ -25,13 +25,13 @@ const char* flag(bool value) noexcept { return value ? "1" : "0"; }
 
 }  // namespace
 
-const char* phase_action_name(std::uint32_t action) noexcept {
+const char* phase_action_name(PhaseAction action) noexcept {
   switch (action) {
-    case phase_accept: return "accept";
-    case phase_drop_event: return "drop_event";
-    case phase_drop_sample: return "drop_sample";
-    default: return "unknown";
+    case PhaseAction::accept: return "accept";
+    case PhaseAction::drop_event: return "drop_event";
+    case PhaseAction::drop_sample: return "drop_sample";
   }
+  return "unknown";
 }
 
 PhaseDecision decide_phase(std::uint64_t event_raw_ns, std::uint64_t mapped_ns,
@@ -46,16 +46,16 @@ PhaseDecision decide_phase(std::uint64_t event_raw_ns, std::uint64_t mapped_ns,
 
   if (!cal.phase_calibrated) {
     d.phase_error_ns = 0;
-    d.action = phase_accept;
+    d.action = PhaseAction::accept;
     return d;
   }
   d.phase_error_ns = saturating_sub(d.phase_delta_ns, cal.expected_delay_ns);
   if (d.phase_error_ns < -d.effective_max_error_ns) {
-    d.action = phase_drop_event;
+    d.action = PhaseAction::drop_event;
   } else if (d.phase_error_ns > d.effective_max_error_ns) {
-    d.action = phase_drop_sample;
+    d.action = PhaseAction::drop_sample;
   } else {
-    d.action = phase_accept;
+    d.action = PhaseAction::accept;
   }
   return d;
 }
@@ -120,37 +120,25 @@ std::string format_bridge_drop_detail(const BridgedEvent& event, std::uint16_t f
   return out;
 }
 
-void handle_phase_mismatch(const PhaseDecision& decision, const PhaseMismatchContext& ctx,
-                           PhaseAlignmentState& state, TimingDropCounters& counters,
-                           StepReference& reference, PendingEventQueue& queue) {
-  static const BridgedEvent no_event{};
-  const BridgedEvent& event = ctx.event != nullptr ? *ctx.event : no_event;
+std::string PhaseAlignment::on_mismatch(const PhaseDecision& decision, const PhaseCalibration& calibration,
+                                        const BridgedEvent& event, std::uint16_t fifo_low16, bool strict_timing) {
+  startup_alignment_discards_ += 1;
+  const bool was_aligned = phase_aligned_;
+  phase_aligned_ = false;
 
-  state.startup_alignment_discards += 1;
-  const bool was_aligned = state.phase_aligned;
-  state.phase_aligned = false;
-
-  if (state.startup_alignment_discards > phase_alignment_discard_limit) {
+  if (startup_alignment_discards_ > phase_alignment_discard_limit) {
     throw std::runtime_error("FIFO/GPIO startup phase alignment did not converge: " +
-                             format_phase_decision(decision, ctx.calibration, event, ctx.fifo_low16,
-                                                   state.startup_alignment_discards));
+                             format_phase_decision(decision, calibration, event, fifo_low16,
+                                                   startup_alignment_discards_));
   }
-  if (was_aligned && ctx.strict_timing) {
+  if (was_aligned && strict_timing) {
     throw std::runtime_error("FIFO/GPIO phase mismatch after startup alignment: " +
-                             format_phase_decision(decision, ctx.calibration, event, ctx.fifo_low16,
-                                                   state.startup_alignment_discards));
+                             format_phase_decision(decision, calibration, event, fifo_low16,
+                                                   startup_alignment_discards_));
   }
-
-  if (decision.action == phase_drop_event) {
-    counters.drop_event_count += 1;
-    queue.pop_front();
-    return;
-  }
-  counters.drop_sample_count += 1;
-  const std::string text = format_phase_decision(decision, ctx.calibration, event, ctx.fifo_low16,
-                                                 state.startup_alignment_discards, state.drop_stage_name());
-  record_timing_drop(counters, reference, queue, ctx.resume, false, timing_drop_phase,
-                     "FIFO/GPIO phase timing sample dropped", text, state.drop_stage());
+  if (decision.action != PhaseAction::drop_sample) return {};
+  return format_phase_decision(decision, calibration, event, fifo_low16, startup_alignment_discards_,
+                               runtime_stage_ ? "runtime" : "startup");
 }
 
 }  // namespace pelmor_lusk

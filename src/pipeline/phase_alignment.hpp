@@ -7,23 +7,21 @@
 #include <string_view>
 
 #include "pipeline/drop_accounting.hpp"
-#include "pipeline/pending_event_queue.hpp"
-#include "pipeline/step_gate.hpp"
 #include "timing/bridged_event.hpp"
 
 namespace pelmor_lusk {
 
-enum PhaseAction : std::uint32_t {
-  phase_accept = 0,
-  phase_drop_event = 1,   // the event is early: an extra event
-  phase_drop_sample = 2,  // the sample is early: a missing event
+enum class PhaseAction : std::uint32_t {
+  accept = 0,
+  drop_event = 1,   // the event is early: an extra event
+  drop_sample = 2,  // the sample is early: a missing event
 };
 
-// "accept", "drop_event", "drop_sample", else "unknown".
-const char* phase_action_name(std::uint32_t action) noexcept;
+// "accept", "drop_event", "drop_sample".
+const char* phase_action_name(PhaseAction action) noexcept;
 
 struct PhaseDecision {
-  std::uint32_t action = phase_accept;
+  PhaseAction action = PhaseAction::accept;
   std::int64_t phase_delta_ns = 0;
   std::int64_t phase_error_ns = 0;
   std::uint64_t phase_uncertainty_ns = 0;
@@ -55,44 +53,36 @@ std::string format_bridge_drop_detail(const BridgedEvent& event, std::uint16_t f
                                       const std::optional<PhaseDecision>& decision, bool mapping_valid,
                                       std::string_view mapping_diagnostic);
 
-// Startup convergence between pairs.
-struct PhaseAlignmentState {
-  bool phase_aligned = false;
-  bool runtime_stage = false;             // after the first accepted sample
-  std::uint32_t startup_alignment_discards = 0;
-
-  void on_accept() noexcept {
-    phase_aligned = true;
-    runtime_stage = true;
-    startup_alignment_discards = 0;
-  }
-  void on_bridge_discard() noexcept {
-    startup_alignment_discards += 1;
-    phase_aligned = false;
-  }
-  std::uint32_t drop_stage() const noexcept {
-    return runtime_stage ? timing_drop_stage_runtime : timing_drop_stage_startup;
-  }
-  const char* drop_stage_name() const noexcept { return runtime_stage ? "runtime" : "startup"; }
-};
-
 inline constexpr std::uint32_t phase_alignment_discard_limit = 256;
 
-// What the loop needs to act on a drop_event or drop_sample decision.
-struct PhaseMismatchContext {
-  PhaseCalibration calibration;
-  const BridgedEvent* event = nullptr;   // the front event the sample was paired with
-  std::uint16_t fifo_low16 = 0;
-  bool strict_timing = false;
-  StepGateResult resume;                  // the sample's step-gate outcome
-};
+// Startup convergence between pairs.
+class PhaseAlignment {
+ public:
+  void on_accept() noexcept {
+    phase_aligned_ = true;
+    runtime_stage_ = true;
+    startup_alignment_discards_ = 0;
+  }
+  void on_bridge_discard() noexcept {
+    startup_alignment_discards_ += 1;
+    phase_aligned_ = false;
+  }
+  // A drop_event or drop_sample decision on the pair of event and the sample
+  // with fifo_low16: counts the discard, and throws std::runtime_error when
+  // alignment did not converge or, strict, was lost. Returns the text of the
+  // decision for a sample drop.
+  std::string on_mismatch(const PhaseDecision& decision, const PhaseCalibration& calibration,
+                          const BridgedEvent& event, std::uint16_t fifo_low16, bool strict_timing);
 
-// Handles a drop_event or drop_sample decision: counts the discard, throws
-// std::runtime_error when alignment did not converge or (strict) was lost, then
-// pops the event (drop_event, so the same sample pairs again) or drops the
-// sample and keeps the event (drop_sample).
-void handle_phase_mismatch(const PhaseDecision& decision, const PhaseMismatchContext& context,
-                           PhaseAlignmentState& state, TimingDropCounters& counters,
-                           StepReference& reference, PendingEventQueue& queue);
+  TimingDropStage drop_stage() const noexcept {
+    return runtime_stage_ ? TimingDropStage::runtime : TimingDropStage::startup;
+  }
+  std::uint32_t startup_alignment_discards() const noexcept { return startup_alignment_discards_; }
+
+ private:
+  bool phase_aligned_ = false;
+  bool runtime_stage_ = false;  // after the first accepted sample
+  std::uint32_t startup_alignment_discards_ = 0;
+};
 
 }  // namespace pelmor_lusk

@@ -20,15 +20,16 @@ void add(std::string& out, const char* key, bool value) {
 
 }  // namespace
 
-const char* recovery_reason_name(std::uint32_t reason) noexcept {
+const char* recovery_reason_name(RecoveryReason reason) noexcept {
   switch (reason) {
-    case recovery_gpio_sequence_gap: return "gpio_sequence_gap";
-    case recovery_gpio_queue_overflow: return "gpio_queue_overflow";
-    case recovery_timing_drop_run: return "timing_drop_run";
-    case recovery_pairing_slip: return "pairing_slip";
-    case recovery_wide_anchor_map: return "wide_anchor_map";
-    default: return "batch_mismatch";
+    case RecoveryReason::batch_mismatch: return "batch_mismatch";
+    case RecoveryReason::gpio_sequence_gap: return "gpio_sequence_gap";
+    case RecoveryReason::gpio_queue_overflow: return "gpio_queue_overflow";
+    case RecoveryReason::timing_drop_run: return "timing_drop_run";
+    case RecoveryReason::pairing_slip: return "pairing_slip";
+    case RecoveryReason::wide_anchor_map: return "wide_anchor_map";
   }
+  return "batch_mismatch";
 }
 
 std::string format_resync_report(const ResyncReportInput& input, const PendingEventQueue& queue) {
@@ -100,7 +101,7 @@ std::string format_resync_success_line(std::string_view report, const ArmBoundar
 }
 
 std::string format_resync_failure_message(std::string_view message, std::string_view error,
-                                          std::uint32_t reason, std::uint32_t discarded_fifo_samples,
+                                          RecoveryReason reason, std::uint32_t discarded_fifo_samples,
                                           std::uint32_t discarded_gpio_events_pre_recovery,
                                           std::uint32_t attempts) {
   std::string out(message);

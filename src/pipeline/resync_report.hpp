@@ -8,26 +8,15 @@
 
 #include "pipeline/pending_event_queue.hpp"
 #include "pipeline/arm_report.hpp"
+#include "pipeline/recovery_reason.hpp"
 #include "sensor/fifo_batch.hpp"
 #include "timing/bridged_event.hpp"
 
 namespace pelmor_lusk {
 
-enum RecoveryReason : std::uint32_t {
-  recovery_batch_mismatch = 0,
-  recovery_gpio_sequence_gap = 1,
-  recovery_gpio_queue_overflow = 2,
-  recovery_timing_drop_run = 3,  // a second of samples dropped in a row: the map is rebuilt
-  recovery_pairing_slip = 4,     // the opt-in pairing check saw an event stamp slip
-  recovery_wide_anchor_map = 5,  // a map built from stretched snapshots refused a precise one
-};
-
-// Every value other than 1 to 5 reads "batch_mismatch".
-const char* recovery_reason_name(std::uint32_t reason) noexcept;
-
 struct ResyncReportInput {
   std::string_view message;
-  std::uint32_t reason = recovery_batch_mismatch;
+  RecoveryReason reason = RecoveryReason::batch_mismatch;
   std::uint32_t discarded_fifo_samples = 0;
   std::uint32_t discarded_gpio_events_pre_recovery = 0;
   const FifoBatch* batch = nullptr;      // optional
@@ -59,7 +48,7 @@ std::string format_resync_success_line(std::string_view report, const ArmBoundar
 // "<message>: resync failed: <what>, recovery_reason=..., discarded_fifo_samples=N,
 //  discarded_gpio_events_pre_recovery=N, recovery_attempts=k"
 std::string format_resync_failure_message(std::string_view message, std::string_view error,
-                                          std::uint32_t reason, std::uint32_t discarded_fifo_samples,
+                                          RecoveryReason reason, std::uint32_t discarded_fifo_samples,
                                           std::uint32_t discarded_gpio_events_pre_recovery,
                                           std::uint32_t attempts);
 

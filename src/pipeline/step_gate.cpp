@@ -8,28 +8,26 @@ std::uint64_t unwrap_low16(std::uint64_t reference, std::uint16_t low16) noexcep
   return candidate;
 }
 
-StepGateResult evaluate_step_gate(const StepReference& reference, std::uint64_t boundary_reference_tick,
-                                  std::uint16_t low16, std::uint64_t min_step_ticks,
-                                  std::uint64_t max_step_ticks) noexcept {
+StepGateResult StepReference::evaluate(std::uint64_t boundary_reference_tick, std::uint16_t low16,
+                                       std::uint64_t min_step_ticks, std::uint64_t max_step_ticks) const noexcept {
   StepGateResult result;
-  result.first_sample = !reference.have_reference;
-  result.reference_tick = reference.have_reference ? reference.reference_tick : boundary_reference_tick;
+  result.first_sample = !have_reference_;
+  result.reference_tick = have_reference_ ? reference_tick_ : boundary_reference_tick;
   result.candidate_tick = unwrap_low16(result.reference_tick, low16);
   result.step = result.candidate_tick - result.reference_tick;
-  const std::uint64_t lower =
-      result.first_sample && reference.allow_short_first_step ? 1 : min_step_ticks;
+  const std::uint64_t lower = result.first_sample && allow_short_first_step_ ? 1 : min_step_ticks;
   result.passed = result.step >= lower && result.step <= max_step_ticks;
   return result;
 }
 
-void advance_step_reference(StepReference& reference, const StepGateResult& outcome) noexcept {
+void StepReference::advance(const StepGateResult& outcome) noexcept {
   if (outcome.passed) {
-    reference.have_reference = true;
-    reference.reference_tick = outcome.candidate_tick;
-    if (outcome.first_sample) reference.allow_short_first_step = false;
+    have_reference_ = true;
+    reference_tick_ = outcome.candidate_tick;
+    if (outcome.first_sample) allow_short_first_step_ = false;
   } else {
-    reference.have_reference = false;
-    reference.reference_tick = 0;
+    have_reference_ = false;
+    reference_tick_ = 0;
   }
 }
 

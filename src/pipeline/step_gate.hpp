@@ -7,13 +7,6 @@
 
 namespace pelmor_lusk {
 
-// The worker's step reference between samples.
-struct StepReference {
-  bool have_reference = false;
-  std::uint64_t reference_tick = 0;      // last accepted (or dropped-but-gated) unwrapped tick
-  bool allow_short_first_step = false;   // set by an arm once the FIFO streams
-};
-
 struct StepGateResult {
   bool passed = false;
   bool first_sample = false;             // gated without a reference
@@ -26,17 +19,30 @@ struct StepGateResult {
 // when that would lie before the reference.
 std::uint64_t unwrap_low16(std::uint64_t reference, std::uint16_t low16) noexcept;
 
-// Gates against reference.reference_tick, or boundary_reference_tick when there
-// is no reference yet. A first sample may be as short as 1 tick when
-// allow_short_first_step is set.
-StepGateResult evaluate_step_gate(const StepReference& reference, std::uint64_t boundary_reference_tick,
-                                  std::uint16_t low16, std::uint64_t min_step_ticks,
-                                  std::uint64_t max_step_ticks) noexcept;
+// The worker's step reference between samples: the last accepted (or
+// dropped but gated) unwrapped tick.
+class StepReference {
+ public:
+  // Gates low16 against the reference, or boundary_reference_tick when there
+  // is none yet. A first sample may be as short as 1 tick right after an arm.
+  StepGateResult evaluate(std::uint64_t boundary_reference_tick, std::uint16_t low16, std::uint64_t min_step_ticks,
+                          std::uint64_t max_step_ticks) const noexcept;
+  // After a sample was accepted or dropped: a gated sample becomes the new
+  // reference (and ends the short-first-step allowance when it was a first
+  // sample); a sample that failed the gate leaves no reference.
+  void advance(const StepGateResult& outcome) noexcept;
+  // The FIFO streams from a new boundary: no reference, a short first step allowed.
+  void armed() noexcept {
+    *this = StepReference{};
+    allow_short_first_step_ = true;
+  }
+  bool allow_short_first_step() const noexcept { return allow_short_first_step_; }
 
-// Moves the reference after a sample was accepted or dropped: a gated sample
-// becomes the new reference (and ends the short-first-step allowance when it
-// was a first sample); a sample that failed the gate leaves no reference.
-void advance_step_reference(StepReference& reference, const StepGateResult& outcome) noexcept;
+ private:
+  bool have_reference_ = false;
+  std::uint64_t reference_tick_ = 0;
+  bool allow_short_first_step_ = false;
+};
 
 struct StepGateMessageFields {
   std::uint32_t rate_hz = 0;

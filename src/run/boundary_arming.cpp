@@ -15,8 +15,8 @@ namespace pelmor_lusk {
 // the FIFO stream.
 void Run::anchor_boundary(const char* failure_prefix) {
   std::uint64_t anchor_tick = 0;
-  if (!timebase_.insert_fresh_anchor(restoring_source_, AnchorGate::plain(), &anchor_tick)) {
-    throw std::runtime_error(failure_prefix + format_fit_diagnostic(timebase_.last_rejected()));
+  if (!timebase_.insert_fresh_anchor(AnchorGate::plain(), &anchor_tick)) {
+    throw std::runtime_error(failure_prefix + format_fit_diagnostic(timebase_.mapper().last_rejected()));
   }
   sensor_.fifo_stream();
   core_.armed(anchor_tick);
@@ -44,7 +44,7 @@ ArmBoundaryReport Run::rearm_boundary() {
   core_.begin_arm();
   // The whole map is rebuilt, so the old anchors and their tick domain go too.
   timebase_.reset();
-  timebase_.establish(plain_source_);
+  timebase_.establish();
 
   report.arm_start_raw_ns = read_raw_ns();
   const std::uint64_t deadline = report.arm_start_raw_ns + boundary_deadline_ns;

@@ -9,8 +9,8 @@ Run::Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t
       running_(running),
       sink_(sink),
       sensor_(profile, mode_word, options.strict_timing ? 1U : 0U),
-      timebase_(options.bracket_fit),
-      core_(profile, sample_rate_hz, options.strict_timing, options.pairing_check) {}
+      timebase_(anchors_, options.bracket_fit),
+      core_(profile, sample_rate_hz, options, timebase_) {}
 
 void Run::start() {
   sensor_.open_and_configure();
@@ -22,7 +22,7 @@ void Run::start() {
   quiesce(Quiesce::strict);
 
   sensor_.low_noise();
-  timebase_.establish(plain_source_);
+  timebase_.establish();
   arm_boundary();
 }
 

@@ -58,7 +58,6 @@ class Run {
   bool admit(const BridgedEvent& event, const FifoBatch* batch, std::uint32_t remaining_samples);
   bool gather_events(const FifoBatch& batch, std::uint32_t remaining_samples);
   void process_batch(const FifoBatch& batch);
-  SampleVerdict map_sample(const FifoPacket& packet, const MappingRequest& request);
 
   const RateProfile& profile_;
   const bool strict_timing_;
@@ -68,8 +67,7 @@ class Run {
   // Declared so that they close in the order line, chip, SPI.
   SensorDevice sensor_;
   std::optional<GpioInterruptLine> line_;
-  SensorAnchorSource plain_source_{sensor_, false};
-  SensorAnchorSource restoring_source_{sensor_, true};
+  SensorAnchorSource anchors_{sensor_};
   TmstTimebase timebase_;
   PairingCore core_;
 };

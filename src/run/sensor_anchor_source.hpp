@@ -9,15 +9,13 @@
 
 namespace pelmor_lusk {
 
-// With restore_bank0 a failed snapshot first puts the sensor back in register
-// bank 0, for anchors taken while the FIFO streams.
 class SensorAnchorSource final : public AnchorSource {
  public:
-  SensorAnchorSource(SensorDevice& sensor, bool restore_bank0) noexcept
-      : sensor_(sensor), restore_bank0_(restore_bank0) {}
-  TmstSnapshot take_snapshot() override {
-    return restore_bank0_ ? sensor_.snapshot_restoring_bank0() : sensor_.snapshot();
-  }
+  explicit SensorAnchorSource(SensorDevice& sensor) noexcept : sensor_(sensor) {}
+  TmstSnapshot take_snapshot() override { return sensor_.snapshot(); }
+  // A failed refresh snapshot puts the sensor back in bank 0 once more before
+  // its error goes on: the FIFO streams meanwhile.
+  TmstSnapshot take_refresh_snapshot() override { return sensor_.snapshot_restoring_bank0(); }
 
   // From now on a pause gives up, by throwing, once running reads false: an
   // anchor map rebuilt while streaming must not hold up a stop.
@@ -30,7 +28,6 @@ class SensorAnchorSource final : public AnchorSource {
 
  private:
   SensorDevice& sensor_;
-  bool restore_bank0_;
   const std::atomic<bool>* running_ = nullptr;
 };
 

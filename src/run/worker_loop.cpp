@@ -1,5 +1,5 @@
 // The worker loop: wait for INT1, read the FIFO, and let the pairing core judge
-// every sample; this file only waits, reads and snapshots.
+// every sample; this file only waits, reads, and acts on the core's verdicts.
 #include <optional>
 #include <stdexcept>
 
@@ -12,8 +12,7 @@ constexpr int first_event_timeout_ms = 100;
 }  // namespace
 
 void Run::stream() {
-  plain_source_.give_up_when_stopped(running_);
-  restoring_source_.give_up_when_stopped(running_);
+  anchors_.give_up_when_stopped(running_);
   BridgedEvent event;
   while (running_.load()) {
     if (!line_->read_line_event(event, first_event_timeout_ms)) continue;
@@ -82,9 +81,7 @@ void Run::process_batch(const FifoBatch& batch) {
     const std::uint32_t remaining = saturate_u32(count - i);
     if (!gather_events(batch, remaining)) return;
 
-    const FifoPacket& packet = batch.packets[i];
-    SampleVerdict verdict = core_.pair_sample(packet, remaining, timebase_.mapper());
-    if (verdict.action == SampleAction::map) verdict = map_sample(packet, verdict.mapping);
+    SampleVerdict verdict = core_.pair_sample(batch.packets[i], remaining);
     switch (verdict.action) {
       case SampleAction::resync:
         resync(verdict.resync, &batch);
@@ -92,31 +89,16 @@ void Run::process_batch(const FifoBatch& batch) {
       case SampleAction::again:
         continue;
       case SampleAction::reanchor:
-        timebase_.insert_fresh_anchor(restoring_source_, AnchorGate::plain());
+        timebase_.insert_fresh_anchor(AnchorGate::plain());
         break;
       case SampleAction::emit:
         sink_.deliver(verdict.sample);
         break;
       case SampleAction::next:
-      case SampleAction::map:
         break;
     }
     ++i;
   }
-}
-
-SampleVerdict Run::map_sample(const FifoPacket& packet, const MappingRequest& request) {
-  // Keeps the fit up with the sensor clock's drift; a refused anchor leaves the
-  // fit in force.
-  if (request.refresh_due) {
-    timebase_.insert_fresh_anchor(restoring_source_, AnchorGate::sample(request.tick, request.half_window_ns));
-  }
-  const MapperRefreshOutcome outcome = timebase_.map_refreshing(plain_source_, strict_timing_, request.tick,
-                                                                request.half_window_ns, request.delivery_age_ns);
-  // Judged against stretched anchors, precise ones would be refused until
-  // drops pile up; rebuilding at once is quicker.
-  if (timebase_.outshone() && !strict_timing_) return core_.rebuild_wide_map();
-  return core_.accept_mapping(packet, outcome, timebase_.wrap_count());
 }
 
 }  // namespace pelmor_lusk

@@ -12,8 +12,10 @@
 namespace pelmor_lusk {
 
 void read_registers_into(int fd, std::uint8_t reg, std::span<std::uint8_t> tx, std::span<std::uint8_t> rx) {
-  // rx needs no clearing: a transfer either fills it whole or fails.
+  // A transfer that reports success without filling rx must not hand back the
+  // previous read's bytes: buffers are reused from read to read.
   std::fill(tx.begin(), tx.end(), std::uint8_t{0});
+  std::fill(rx.begin(), rx.end(), std::uint8_t{0});
   tx[0] = static_cast<std::uint8_t>(reg | icm42688::SPI_READ_FLAG);
   spi_ioc_transfer transfer[1] = {
       make_spi_transfer(tx.data(), rx.data(), static_cast<std::uint32_t>(tx.size()), spi_register_speed_hz)};

@@ -17,7 +17,7 @@ namespace pelmor_lusk {
 std::vector<std::uint8_t> read_registers(const UniqueFd& spi, std::uint8_t reg, std::uint16_t n);
 
 // The same read into frames the caller owns (equal sizes, address byte
-// included): the answer is rx[1..]. Allocates nothing.
+// included): the answer is rx[1..], cleared first. Allocates nothing.
 void read_registers_into(int fd, std::uint8_t reg, std::span<std::uint8_t> tx, std::span<std::uint8_t> rx);
 
 // One register.

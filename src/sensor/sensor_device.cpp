@@ -38,11 +38,7 @@ TmstSnapshot SensorDevice::snapshot_restoring_bank0() {
   try {
     return read_tmst_snapshot(spi_.get());
   } catch (...) {
-    try {
-      restore_bank0(spi_.get());
-    } catch (...) {
-      // The snapshot's own error is the one reported.
-    }
+    restore_bank0_quietly(spi_.get());
     throw;
   }
 }

@@ -32,9 +32,9 @@ class SensorDevice {
   // Flush, then the 2 ms the FIFO needs.
   void flush_fifo();
 
+  // A failed snapshot has tried once to put the sensor back in bank 0.
   TmstSnapshot snapshot();
-  // A failed snapshot may have left the sensor in bank 1: bank 0 is selected
-  // again before the error goes on.
+  // The same, trying once more before the error goes on.
   TmstSnapshot snapshot_restoring_bank0();
 
   // The next FIFO batch, in buffers owned here; valid until the next read.

@@ -10,18 +10,6 @@
 
 namespace pelmor_lusk {
 
-namespace {
-
-void restore_bank0_quietly(int fd) noexcept {
-  try {
-    restore_bank0(fd);
-  } catch (...) {
-    // The snapshot's own error is the one reported.
-  }
-}
-
-}  // namespace
-
 TmstSnapshot read_tmst_snapshot(int fd) {
   if (fd < 0) throw std::invalid_argument("TMST SPI snapshot requires a valid fd");
   TmstSnapshotMessage message;
@@ -53,6 +41,14 @@ TmstSnapshot read_tmst_snapshot(int fd) {
   snapshot.raw_before_ns = raw_before_ns;
   snapshot.raw_after_ns = raw_after_ns;
   return snapshot;
+}
+
+void restore_bank0_quietly(int fd) noexcept {
+  try {
+    restore_bank0(fd);
+  } catch (...) {
+    // The snapshot's own error is the one reported.
+  }
 }
 
 void restore_bank0(int fd) {

@@ -21,5 +21,7 @@ TmstSnapshot read_tmst_snapshot(int fd);
 
 // Select register bank 0 again with its own one-transfer message.
 void restore_bank0(int fd);
+// The same after a failed snapshot, whose own error is the one reported.
+void restore_bank0_quietly(int fd) noexcept;
 
 }  // namespace pelmor_lusk

@@ -14,18 +14,20 @@ class AnchorSource {
  public:
   virtual ~AnchorSource() = default;
   virtual TmstSnapshot take_snapshot() = 0;
+  // The snapshot of the periodic refresh, taken while the FIFO streams.
+  virtual TmstSnapshot take_refresh_snapshot() { return take_snapshot(); }
   // The pause between establishment attempts; resumes after signals.
   virtual void pause_ns(std::int64_t ns);
 };
 
 // Unwraps the snapshot's counter and pairs it with its RAW bracket.
-TmstAnchor anchor_from_snapshot(TmstUnwrapState& unwrap, const TmstSnapshot& snapshot);
+TmstAnchor anchor_from_snapshot(TmstUnwrap& unwrap, const TmstSnapshot& snapshot);
 
 inline constexpr std::uint32_t establish_max_attempts = 16;
 inline constexpr std::uint32_t establish_wanted_accepts = 4;
 inline constexpr std::int64_t establish_pause_ns = 20000000;
 
 // Returns with a valid fit or throws.
-void establish_anchor_map(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source);
+void establish_anchor_map(TmstMapper& mapper, TmstUnwrap& unwrap, AnchorSource& source);
 
 }  // namespace pelmor_lusk

@@ -2,15 +2,12 @@
 
 namespace pelmor_lusk {
 
-const char* bridge_reject_reason_name(std::uint32_t reason) {
+const char* bridge_reject_reason_name(BridgeRejectReason reason) noexcept {
   switch (reason) {
-    case bridge_reject_none:
-      return "none";
-    case bridge_reject_half_window_too_wide:
-      return "half_window_too_wide";
-    default:
-      return "unknown";
+    case BridgeRejectReason::none: return "none";
+    case BridgeRejectReason::half_window_too_wide: return "half_window_too_wide";
   }
+  return "unknown";
 }
 
 }  // namespace pelmor_lusk

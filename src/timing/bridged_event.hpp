@@ -5,13 +5,13 @@
 
 namespace pelmor_lusk {
 
-enum BridgeRejectReason : std::uint32_t {
-  bridge_reject_none = 0,
-  bridge_reject_half_window_too_wide = 1,
+enum class BridgeRejectReason : std::uint32_t {
+  none = 0,
+  half_window_too_wide = 1,
 };
 
-// "none", "half_window_too_wide", else "unknown".
-const char* bridge_reject_reason_name(std::uint32_t reason);
+// "none", "half_window_too_wide".
+const char* bridge_reject_reason_name(BridgeRejectReason reason) noexcept;
 
 inline constexpr std::uint64_t bridge_max_half_window_ns = 100000;
 
@@ -20,7 +20,7 @@ struct BridgedEvent {
   std::uint64_t half_window_ns = 0;
   std::uint64_t delivery_age_ns = 0;   // |RAW at read end - raw_ns|
   bool valid = false;                  // half_window_ns <= 100000
-  std::uint32_t reject_reason = 0;     // BridgeRejectReason
+  BridgeRejectReason reject_reason = BridgeRejectReason::none;
   std::uint32_t line_seqno = 0;
   std::uint32_t missed_line_events = 0;
   bool seqno_gap = false;

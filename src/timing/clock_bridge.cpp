@@ -66,7 +66,7 @@ BridgeResult bridge_event(std::uint64_t event_monotonic_ns, const ClockBracket& 
   }
 
   r.valid = r.half_window_ns <= bridge_max_half_window_ns;
-  r.reject_reason = r.valid ? bridge_reject_none : bridge_reject_half_window_too_wide;
+  r.reject_reason = r.valid ? BridgeRejectReason::none : BridgeRejectReason::half_window_too_wide;
   r.delivery_age_ns = wrapping_sub(read_end_raw_ns, r.raw_ns);
   r.delivery_age_abs_ns = magnitude(r.delivery_age_ns);
   return r;

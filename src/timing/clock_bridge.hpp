@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "timing/bridged_event.hpp"
+
 namespace pelmor_lusk {
 
 // The four readings, taken in this order: MONOTONIC, RAW, MONOTONIC, RAW.
@@ -33,7 +35,7 @@ struct BridgeResult {
   std::int64_t delivery_age_ns = 0;        // signed: RAW at read end - raw_ns
   std::uint64_t delivery_age_abs_ns = 0;
   bool valid = false;
-  std::uint32_t reject_reason = 0;         // BridgeRejectReason
+  BridgeRejectReason reject_reason = BridgeRejectReason::none;
 };
 
 // Throws std::invalid_argument "clock bridge endpoints must be monotonic" and
@@ -76,7 +78,7 @@ struct BridgeTraceEntry {
   std::uint64_t event_monotonic_ns = 0;
   std::uint32_t line_seqno = 0;
   std::uint64_t bridge_half_window_ns = 0;
-  std::uint32_t reject_reason = 0;
+  BridgeRejectReason reject_reason = BridgeRejectReason::none;
   std::int32_t poll_result = 0;
   std::int16_t poll_revents = 0;
   std::int64_t bytes = 0;

@@ -6,78 +6,77 @@
 #include <stdexcept>
 
 #include "timing/bracket_line.hpp"
+#include "timing/tmst_mapping.hpp"
 
 namespace pelmor_lusk {
 
-const char* fit_reject_reason_name(std::uint32_t reason) {
+const char* fit_reject_reason_name(FitRejectReason reason) noexcept {
   switch (reason) {
-    case fit_reject_none: return "none";
-    case fit_reject_anchor_window_reversed: return "anchor_window_reversed";
-    case fit_reject_anchor_window_too_wide: return "anchor_window_too_wide";
-    case fit_reject_non_monotonic_anchor: return "non_monotonic_anchor";
-    case fit_reject_insufficient_anchors: return "insufficient_anchors";
-    case fit_reject_insufficient_span: return "insufficient_span";
-    case fit_reject_degenerate_fit: return "degenerate_fit";
-    case fit_reject_prediction_overflow: return "prediction_overflow";
-    case fit_reject_slope_out_of_range: return "slope_out_of_range";
-    case fit_reject_bridge_window_too_wide: return "bridge_window_too_wide";
-    case fit_reject_residual_too_large: return "residual_too_large";
-    case fit_reject_sample_uncertainty_too_large: return "sample_uncertainty_too_large";
-    default: return "unknown";
+    case FitRejectReason::none: return "none";
+    case FitRejectReason::anchor_window_reversed: return "anchor_window_reversed";
+    case FitRejectReason::anchor_window_too_wide: return "anchor_window_too_wide";
+    case FitRejectReason::non_monotonic_anchor: return "non_monotonic_anchor";
+    case FitRejectReason::insufficient_anchors: return "insufficient_anchors";
+    case FitRejectReason::insufficient_span: return "insufficient_span";
+    case FitRejectReason::degenerate_fit: return "degenerate_fit";
+    case FitRejectReason::prediction_overflow: return "prediction_overflow";
+    case FitRejectReason::slope_out_of_range: return "slope_out_of_range";
+    case FitRejectReason::bridge_window_too_wide: return "bridge_window_too_wide";
+    case FitRejectReason::residual_too_large: return "residual_too_large";
+    case FitRejectReason::sample_uncertainty_too_large: return "sample_uncertainty_too_large";
   }
+  return "unknown";
+}
+
+bool TmstMapper::refuse(FitRejectReason reason) noexcept {
+  last_rejected_ = fit_;
+  last_rejected_.valid = false;
+  last_rejected_.reject_reason = reason;
+  return false;
 }
 
 bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_limit_ns) {
-  if (anchor.raw_after_ns < anchor.raw_before_ns) {
-    last_rejected = fit;
-    last_rejected.valid = false;
-    last_rejected.reject_reason = fit_reject_anchor_window_reversed;
-    return false;
-  }
+  if (anchor.raw_after_ns < anchor.raw_before_ns) return refuse(FitRejectReason::anchor_window_reversed);
   const std::uint64_t half_window = anchor.half_window_ns();
   if (half_window > tmst_max_half_window_ns) {
-    last_rejected = fit;
-    last_rejected.valid = false;
-    last_rejected.max_half_window_ns = std::max(fit.max_half_window_ns, half_window);
-    last_rejected.reject_reason = fit_reject_anchor_window_too_wide;
+    refuse(FitRejectReason::anchor_window_too_wide);
+    last_rejected_.max_half_window_ns = std::max(fit_.max_half_window_ns, half_window);
     return false;
   }
-  if (anchor_count > 0 && anchor.tick <= anchors[anchor_count - 1].tick) {
-    last_rejected = fit;
-    last_rejected.valid = false;
-    last_rejected.anchors = anchor_count;
-    last_rejected.reject_reason = fit_reject_non_monotonic_anchor;
+  if (count_ > 0 && anchor.tick <= anchors_[count_ - 1].tick) {
+    refuse(FitRejectReason::non_monotonic_anchor);
+    last_rejected_.anchors = count_;
     return false;
   }
 
-  const auto saved_anchors = anchors;
-  const std::uint32_t saved_count = anchor_count;
-  const TmstFit saved_fit = fit;
-  const bool was_full = anchor_count >= tmst_anchor_capacity;
+  const auto saved_anchors = anchors_;
+  const std::uint32_t saved_count = count_;
+  const TmstFit saved_fit = fit_;
+  const bool was_full = count_ >= tmst_anchor_capacity;
   if (was_full) {
-    std::copy(anchors.begin() + 1, anchors.end(), anchors.begin());
-    anchors[tmst_anchor_capacity - 1] = anchor;
+    std::copy(anchors_.begin() + 1, anchors_.end(), anchors_.begin());
+    anchors_[tmst_anchor_capacity - 1] = anchor;
   } else {
-    anchors[anchor_count] = anchor;
-    anchor_count += 1;
+    anchors_[count_] = anchor;
+    count_ += 1;
   }
 
   if (refit(residual_limit_ns)) return true;
   const auto past_warm_up = [this] {
-    return anchor_count > 3 && anchors[anchor_count - 1].tick - anchors[0].tick >= tmst_min_span_ticks;
+    return count_ > 3 && anchors_[count_ - 1].tick - anchors_[0].tick >= tmst_min_span_ticks;
   };
-  if (last_rejected.reject_reason == fit_reject_residual_too_large) {
-    const auto before_drop = anchors;
-    const std::uint32_t count_before_drop = anchor_count;
-    const TmstFit refused = last_rejected;
+  if (last_rejected_.reject_reason == FitRejectReason::residual_too_large) {
+    const auto before_drop = anchors_;
+    const std::uint32_t count_before_drop = count_;
+    const TmstFit refused = last_rejected_;
     if (drop_wide_anchor()) {
       if (refit(residual_limit_ns)) return true;
-      last_rejected = refused;
+      last_rejected_ = refused;
       // Too few left to fit is warm-up, where going on without it is the point;
       // past warm-up the window stays as the refusal left it.
       if (past_warm_up()) {
-        anchors = before_drop;
-        anchor_count = count_before_drop;
+        anchors_ = before_drop;
+        count_ = count_before_drop;
       }
     }
   }
@@ -85,12 +84,36 @@ bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_lim
   if (past_warm_up()) {
     // Past warm-up the failure is real: the fit in force stays. A full window
     // deliberately keeps the shift, so a run of bad anchors ages out the old ones.
-    fit = saved_fit;
+    fit_ = saved_fit;
     if (!was_full) {
-      anchors = saved_anchors;
-      anchor_count = saved_count;
+      anchors_ = saved_anchors;
+      count_ = saved_count;
     }
   }
+  return false;
+}
+
+bool TmstMapper::add_anchor_gated(const TmstAnchor& anchor, std::uint64_t tick,
+                                  std::uint64_t measurement_uncertainty_ns) {
+  TmstMapper candidate = *this;
+  if (!candidate.add_anchor(anchor, tmst_refresh_residual_limit_ns)) {
+    last_rejected_ = candidate.last_rejected_;
+    return false;
+  }
+  if (map_tmst_to_raw(candidate.fit_, tick, measurement_uncertainty_ns).valid) {
+    *this = candidate;
+    return true;
+  }
+  // A wide anchor's half window counts in every mapping while it stays.
+  TmstMapper narrowed = candidate;
+  if (narrowed.drop_wide_anchor() && narrowed.refit(tmst_refresh_residual_limit_ns) &&
+      map_tmst_to_raw(narrowed.fit_, tick, measurement_uncertainty_ns).valid) {
+    *this = narrowed;
+    return true;
+  }
+  last_rejected_ = candidate.fit_;
+  last_rejected_.valid = false;
+  last_rejected_.reject_reason = FitRejectReason::sample_uncertainty_too_large;
   return false;
 }
 
@@ -119,49 +142,48 @@ bool wide_against(std::uint64_t half_window_ns, std::uint64_t reference_ns) noex
 }  // namespace
 
 bool TmstMapper::drop_wide_anchor() {
-  if (anchor_count < 3) return false;
-  const std::uint32_t older = anchor_count - 1;  // the newest is never the one dropped
+  if (count_ < 3) return false;
+  const std::uint32_t older = count_ - 1;  // the newest is never the one dropped
   std::uint32_t widest = 0;
   for (std::uint32_t i = 1; i < older; ++i) {
-    if (anchors[i].half_window_ns() > anchors[widest].half_window_ns()) widest = i;
+    if (anchors_[i].half_window_ns() > anchors_[widest].half_window_ns()) widest = i;
   }
-  if (!wide_against(anchors[widest].half_window_ns(), median_half_window(anchors, anchor_count, widest))) return false;
-  std::copy(anchors.begin() + widest + 1, anchors.begin() + anchor_count, anchors.begin() + widest);
-  anchor_count -= 1;
+  if (!wide_against(anchors_[widest].half_window_ns(), median_half_window(anchors_, count_, widest))) return false;
+  std::copy(anchors_.begin() + widest + 1, anchors_.begin() + count_, anchors_.begin() + widest);
+  count_ -= 1;
   return true;
 }
 
-bool window_outshone_by(const TmstMapper& mapper, const TmstAnchor& fresh) noexcept {
-  if (mapper.anchor_count == 0) return false;
-  return wide_against(median_half_window(mapper.anchors, mapper.anchor_count, skip_none),
-                      fresh.half_window_ns());
+bool TmstMapper::outshone_by(const TmstAnchor& fresh) const noexcept {
+  if (count_ == 0) return false;
+  return wide_against(median_half_window(anchors_, count_, skip_none), fresh.half_window_ns());
 }
 
 bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
-  fit = TmstFit{};
+  fit_ = TmstFit{};
   TmstFit r{};
-  const std::uint32_t n = std::min<std::uint32_t>(anchor_count, tmst_anchor_capacity);
+  const std::uint32_t n = std::min<std::uint32_t>(count_, tmst_anchor_capacity);
   r.anchors = n;
 
-  const auto reject = [&](std::uint32_t reason, bool fit_keeps_values) {
+  const auto reject = [&](FitRejectReason reason, bool fit_keeps_values) {
     r.valid = false;
-    if (fit_keeps_values) fit = r;  // valid false, reason 0
+    if (fit_keeps_values) fit_ = r;  // valid false, reason none
     r.reject_reason = reason;
-    last_rejected = r;
+    last_rejected_ = r;
     return false;
   };
 
-  if (n < tmst_min_fit_anchors) return reject(fit_reject_insufficient_anchors, false);
-  r.first_tick = anchors[0].tick;
-  r.last_tick = anchors[n - 1].tick;
+  if (n < tmst_min_fit_anchors) return reject(FitRejectReason::insufficient_anchors, false);
+  r.first_tick = anchors_[0].tick;
+  r.last_tick = anchors_[n - 1].tick;
   r.span_ticks = r.last_tick - r.first_tick;
-  if (r.span_ticks < tmst_min_span_ticks) return reject(fit_reject_insufficient_span, false);
+  if (r.span_ticks < tmst_min_span_ticks) return reject(FitRejectReason::insufficient_span, false);
 
   binary128 sum_tick = 0;
   binary128 sum_mid = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
-    sum_tick += to_q(anchors[i].tick);
-    sum_mid += to_q(anchors[i].midpoint_ns());
+    sum_tick += to_q(anchors_[i].tick);
+    sum_mid += to_q(anchors_[i].midpoint_ns());
   }
   const binary128 count = to_q(static_cast<std::uint64_t>(n));
   const binary128 mean_tick = sum_tick / count;
@@ -171,16 +193,16 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   binary128 sxx = 0;
   binary128 sxy = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
-    const binary128 dt = to_q(anchors[i].tick) - mean_tick;
+    const binary128 dt = to_q(anchors_[i].tick) - mean_tick;
     sxx += dt * dt;
-    sxy += (to_q(anchors[i].midpoint_ns()) - mean_mid) * dt;
+    sxy += (to_q(anchors_[i].midpoint_ns()) - mean_mid) * dt;
   }
-  if (!(sxx > 0)) return reject(fit_reject_degenerate_fit, false);
+  if (!(sxx > 0)) return reject(FitRejectReason::degenerate_fit, false);
 
-  if (bracket_fit) {
+  if (bracket_fit_) {
     // Every gate below judges this line as it would the midpoint one.
-    const BracketLine line = fit_bracket_line(std::span(anchors).first(n));
-    if (!line.valid) return reject(fit_reject_degenerate_fit, false);
+    const BracketLine line = fit_bracket_line(std::span(anchors_).first(n));
+    if (!line.valid) return reject(FitRejectReason::degenerate_fit, false);
     r.slope_ns_per_tick = line.slope_ns_per_tick;
     r.intercept_ns = line.intercept_ns;
   } else {
@@ -197,13 +219,13 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   // stated uncertainty is built from the midpoint residual either way.
   std::uint64_t disagreement_ns = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
-    const std::uint64_t half_window = anchors[i].half_window_ns();
+    const std::uint64_t half_window = anchors_[i].half_window_ns();
     r.max_half_window_ns = std::max(r.max_half_window_ns, half_window);
-    const binary128 p = to_q(anchors[i].tick) * r.slope_ns_per_tick + r.intercept_ns;
-    if (p < 0 || p > u64_max_q) return reject(fit_reject_prediction_overflow, false);
-    const std::uint64_t residual = to_u64(abs_q(round_half_away_q(p) - to_q(anchors[i].midpoint_ns())));
+    const binary128 p = to_q(anchors_[i].tick) * r.slope_ns_per_tick + r.intercept_ns;
+    if (p < 0 || p > u64_max_q) return reject(FitRejectReason::prediction_overflow, false);
+    const std::uint64_t residual = to_u64(abs_q(round_half_away_q(p) - to_q(anchors_[i].midpoint_ns())));
     r.max_residual_ns = std::max(r.max_residual_ns, residual);
-    const bool judged_by_bracket = bracket_fit && i + 1 < n;
+    const bool judged_by_bracket = bracket_fit_ && i + 1 < n;
     const std::uint64_t outside = !judged_by_bracket ? residual : residual > half_window ? residual - half_window : 0;
     disagreement_ns = std::max(disagreement_ns, outside);
   }
@@ -213,37 +235,37 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   r.slope_error_ppm = (abs_q(r.slope_ns_per_tick - to_q(tmst_nominal_ns_per_tick)) + r.slope_uncertainty_ns_per_tick) /
                       to_q(tmst_nominal_ns_per_tick) * 1000000;
 
-  if (r.slope_error_ppm > to_q(tmst_max_slope_error_ppm)) return reject(fit_reject_slope_out_of_range, true);
-  if (r.max_half_window_ns > tmst_max_half_window_ns) return reject(fit_reject_bridge_window_too_wide, true);
-  if (disagreement_ns > residual_limit_ns) return reject(fit_reject_residual_too_large, true);
+  if (r.slope_error_ppm > to_q(tmst_max_slope_error_ppm)) return reject(FitRejectReason::slope_out_of_range, true);
+  if (r.max_half_window_ns > tmst_max_half_window_ns) return reject(FitRejectReason::bridge_window_too_wide, true);
+  if (disagreement_ns > residual_limit_ns) return reject(FitRejectReason::residual_too_large, true);
 
   r.valid = true;
-  r.reject_reason = fit_reject_none;
-  fit = r;
-  last_rejected = TmstFit{};
+  r.reject_reason = FitRejectReason::none;
+  fit_ = r;
+  last_rejected_ = TmstFit{};
   return true;
 }
 
-std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick, std::uint64_t host_ns) {
-  const std::uint32_t width = state.bit_width;
+std::uint64_t TmstUnwrap::unwrap(std::uint32_t raw_tick, std::uint64_t host_ns) {
+  const std::uint32_t width = bit_width_;
   if (width == 0 || width > 31) throw std::invalid_argument("timestamp bit width must be 1..31");
   const std::uint64_t modulus = std::uint64_t{1} << width;
   const std::uint64_t mask = modulus - 1;
   const std::uint64_t reading = raw_tick & mask;
   std::uint64_t result = reading;
-  if (state.have_previous) {
-    result = (state.previous & ~mask) | reading;
-    if (result < state.previous) result += modulus;
-    if (state.previous_host_ns != 0 && host_ns > state.previous_host_ns) {
+  if (have_previous_) {
+    result = (previous_ & ~mask) | reading;
+    if (result < previous_) result += modulus;
+    if (previous_host_ns_ != 0 && host_ns > previous_host_ns_) {
       // Whole turns the counter made unseen: where the nominal rate puts the tick.
-      const std::uint64_t expected = state.previous + (host_ns - state.previous_host_ns) / tmst_nominal_ns_per_tick;
+      const std::uint64_t expected = previous_ + (host_ns - previous_host_ns_) / tmst_nominal_ns_per_tick;
       if (expected > result) result += (expected - result + modulus / 2 - 1) / modulus * modulus;
     }
-    state.wrap_count += (result >> width) - (state.previous >> width);
+    wrap_count_ += (result >> width) - (previous_ >> width);
   }
-  state.previous = result;
-  state.previous_host_ns = host_ns;
-  state.have_previous = true;
+  previous_ = result;
+  previous_host_ns_ = host_ns;
+  have_previous_ = true;
   return result;
 }
 
@@ -257,9 +279,9 @@ std::string format_fit_diagnostic(const TmstFit& fit) {
 }
 
 bool TmstMapper::wants_early_anchor(std::uint64_t tick) const noexcept {
-  if (!bracket_fit || !fit.valid || tick <= fit.last_tick) return false;
-  const std::uint64_t ahead = tick - fit.last_tick;
-  return ahead >= tmst_early_anchor_min_ticks && ahead > fit.span_ticks / 4;
+  if (!bracket_fit_ || !fit_.valid || tick <= fit_.last_tick) return false;
+  const std::uint64_t ahead = tick - fit_.last_tick;
+  return ahead >= tmst_early_anchor_min_ticks && ahead > fit_.span_ticks / 4;
 }
 
 }  // namespace pelmor_lusk

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "common/quad.hpp"
@@ -12,22 +13,22 @@ namespace pelmor_lusk {
 // No narrower fallback: every fit and mapping runs in IEEE binary128.
 static_assert(binary128_mantissa_bits == 113 && sizeof(binary128) == 16);
 
-enum FitRejectReason : std::uint32_t {
-  fit_reject_none = 0,
-  fit_reject_anchor_window_reversed = 1,
-  fit_reject_anchor_window_too_wide = 2,
-  fit_reject_non_monotonic_anchor = 3,
-  fit_reject_insufficient_anchors = 4,
-  fit_reject_insufficient_span = 5,
-  fit_reject_degenerate_fit = 6,
-  fit_reject_prediction_overflow = 7,
-  fit_reject_slope_out_of_range = 8,
-  fit_reject_bridge_window_too_wide = 9,
-  fit_reject_residual_too_large = 10,
-  fit_reject_sample_uncertainty_too_large = 11,
+enum class FitRejectReason : std::uint32_t {
+  none = 0,
+  anchor_window_reversed = 1,
+  anchor_window_too_wide = 2,
+  non_monotonic_anchor = 3,
+  insufficient_anchors = 4,
+  insufficient_span = 5,
+  degenerate_fit = 6,
+  prediction_overflow = 7,
+  slope_out_of_range = 8,
+  bridge_window_too_wide = 9,
+  residual_too_large = 10,
+  sample_uncertainty_too_large = 11,
 };
 
-const char* fit_reject_reason_name(std::uint32_t reason);
+const char* fit_reject_reason_name(FitRejectReason reason) noexcept;
 
 inline constexpr std::size_t tmst_anchor_capacity = 16;
 inline constexpr std::uint32_t tmst_min_fit_anchors = 4;
@@ -74,58 +75,76 @@ struct TmstFit {
   std::uint64_t span_ticks = 0;
   std::uint64_t max_half_window_ns = 0;
   std::uint64_t max_residual_ns = 0;
-  std::uint32_t reject_reason = 0;  // FitRejectReason
+  FitRejectReason reject_reason = FitRejectReason::none;
 };
 
-struct TmstMapper {
-  std::array<TmstAnchor, tmst_anchor_capacity> anchors{};  // oldest first
-  std::uint32_t anchor_count = 0;
-  TmstFit fit{};
-  TmstFit last_rejected{};
-  // Opt-in: the line through every anchor's bracket (fit_bracket_line) instead
-  // of least squares through the midpoints.
-  bool bracket_fit = false;
-  // The last fresh anchor offered was refused although the window is wide
-  // against it (window_outshone_by): only a rebuilt map can take it in. Cleared
-  // when an anchor joins.
-  bool outshone = false;
+// The anchor window and the fit in force. Once past its warm-up, a fit that
+// fails a gate never replaces the one in force; last_rejected says why.
+class TmstMapper {
+ public:
+  // bracket_fit (opt-in): the line through every anchor's bracket
+  // (fit_bracket_line) instead of least squares through the midpoints.
+  explicit TmstMapper(bool bracket_fit = false) noexcept : bracket_fit_(bracket_fit) {}
 
-  // Inserts the anchor and refits; true when the resulting fit is valid. Once the
-  // map is past its warm-up a failing anchor never replaces the fit in force.
-  // When the fit is refused for its residual and an older anchor is wide, that
+  // Inserts the anchor and refits; true when the resulting fit is valid. When
+  // the fit is refused for its residual and an older anchor is wide, that
   // anchor leaves instead, so one preempted snapshot cannot poison the window.
   bool add_anchor(const TmstAnchor& anchor, std::uint64_t residual_limit_ns);
-  // Removes the widest anchor other than the newest when it is wide (see above);
-  // true when one was removed. The fit is left as it was.
-  bool drop_wide_anchor();
-  // Fits the stored anchors; true when every gate passes.
-  bool refit(std::uint64_t residual_limit_ns);
+  // Inserts the anchor only when the resulting fit also maps `tick` within the
+  // uncertainty gate; otherwise the window and fit stay as they were.
+  bool add_anchor_gated(const TmstAnchor& anchor, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns);
+
   // With the bracket fit only: a fresh anchor is worth taking before the
   // periodic one, because tick lies further past the newest anchor than a
   // quarter of the fitted span (the slope's error grows with that distance).
   bool wants_early_anchor(std::uint64_t tick) const noexcept;
+  // True when the window's anchors are wide against fresh: their median half
+  // window is above the wide floor and more than the wide ratio times fresh's.
+  // Such a window was built while every snapshot was stretched; refreshes judged
+  // against it refuse precise anchors, so it would never heal by itself.
+  bool outshone_by(const TmstAnchor& fresh) const noexcept;
+
+  const TmstFit& fit() const noexcept { return fit_; }
+  const TmstFit& last_rejected() const noexcept { return last_rejected_; }
+  std::span<const TmstAnchor> anchors() const noexcept { return std::span(anchors_).first(count_); }
+  bool bracket_fit() const noexcept { return bracket_fit_; }
+
+ private:
+  // Fits the stored anchors; true when every gate passes.
+  bool refit(std::uint64_t residual_limit_ns);
+  // Removes the widest anchor other than the newest when it is wide (see
+  // above); true when one was removed. The fit is left as it was.
+  bool drop_wide_anchor();
+  bool refuse(FitRejectReason reason) noexcept;
+
+  std::array<TmstAnchor, tmst_anchor_capacity> anchors_{};  // oldest first
+  std::uint32_t count_ = 0;
+  TmstFit fit_{};
+  TmstFit last_rejected_{};
+  bool bracket_fit_ = false;
 };
 
-// True when the window's anchors are wide against fresh: their median half
-// window is above the wide floor and more than the wide ratio times fresh's.
-// Such a window was built while every snapshot was stretched; refreshes judged
-// against it refuse precise anchors, so it would never heal by itself.
-bool window_outshone_by(const TmstMapper& mapper, const TmstAnchor& fresh) noexcept;
+// The sensor's counter extended from its bit width to a monotonic 64-bit tick.
+class TmstUnwrap {
+ public:
+  explicit TmstUnwrap(std::uint32_t bit_width = 20) noexcept : bit_width_(bit_width) {}
 
-struct TmstUnwrapState {
-  std::uint32_t bit_width = 20;
-  bool have_previous = false;
-  std::uint64_t previous = 0;
-  std::uint64_t wrap_count = 0;
-  std::uint64_t previous_host_ns = 0;  // host instant of the previous reading; 0: unknown
+  // With the host instant of the reading (CLOCK_MONOTONIC_RAW, 0: unknown), a
+  // gap longer than one turn of the counter still counts every wrap: the tick
+  // nearest to where the nominal rate puts it is taken. Throws
+  // std::invalid_argument "timestamp bit width must be 1..31".
+  std::uint64_t unwrap(std::uint32_t raw_tick, std::uint64_t host_ns = 0);
+  std::uint64_t wrap_count() const noexcept { return wrap_count_; }
+  // Forgets the history; the width is the sensor's and stays.
+  void reset() noexcept { *this = TmstUnwrap(bit_width_); }
+
+ private:
+  std::uint32_t bit_width_;
+  bool have_previous_ = false;
+  std::uint64_t previous_ = 0;
+  std::uint64_t wrap_count_ = 0;
+  std::uint64_t previous_host_ns_ = 0;  // host instant of the previous reading; 0: unknown
 };
-
-// Extends a reading of bit_width bits to a monotonic 64-bit tick. With the host
-// instant of the reading (CLOCK_MONOTONIC_RAW, 0: unknown), a gap longer than
-// one turn of the counter still counts every wrap: the tick nearest to where the
-// nominal rate puts it is taken. Throws std::invalid_argument "timestamp bit
-// width must be 1..31".
-std::uint64_t unwrap_tick(TmstUnwrapState& state, std::uint32_t raw_tick, std::uint64_t host_ns = 0);
 
 // "reason=..., anchors=..., span_ticks=..., slope_ns_per_tick=..., slope_error_ppm=...,
 // max_half_window_ns=..., max_residual_ns=..."

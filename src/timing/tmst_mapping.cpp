@@ -18,9 +18,8 @@ constexpr std::uint64_t max_total_with_measurement = UINT64_MAX - tmst_quantizat
 
 }  // namespace
 
-TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns) {
+TmstMapping map_tmst_to_raw(const TmstFit& fit, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns) {
   TmstMapping m{};
-  const TmstFit& fit = mapper.fit;
   if (!fit.valid) return m;
 
   const binary128 p = to_q(tick) * fit.slope_ns_per_tick + fit.intercept_ns;
@@ -54,31 +53,8 @@ TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::u
   return m;
 }
 
-bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_t tick,
-                      std::uint64_t measurement_uncertainty_ns) {
-  TmstMapper candidate = mapper;
-  if (!candidate.add_anchor(anchor, tmst_refresh_residual_limit_ns)) {
-    mapper.last_rejected = candidate.last_rejected;
-    return false;
-  }
-  if (map_tmst_to_raw(candidate, tick, measurement_uncertainty_ns).valid) {
-    mapper = candidate;
-    return true;
-  }
-  // A wide anchor's half window counts in every mapping while it stays.
-  TmstMapper narrowed = candidate;
-  if (narrowed.drop_wide_anchor() && narrowed.refit(tmst_refresh_residual_limit_ns) &&
-      map_tmst_to_raw(narrowed, tick, measurement_uncertainty_ns).valid) {
-    mapper = narrowed;
-    return true;
-  }
-  mapper.last_rejected = candidate.fit;
-  mapper.last_rejected.valid = false;
-  mapper.last_rejected.reject_reason = fit_reject_sample_uncertainty_too_large;
-  return false;
-}
-
-MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMapping& mapping, bool strict_timing, std::uint64_t tick,
+MapperRefreshOutcome judge_failed_mapping(const TmstFit& fit, const TmstFit& last_rejected, const TmstMapping& mapping,
+                                          bool strict_timing, std::uint64_t tick,
                                           std::uint64_t measurement_uncertainty_ns,
                                           std::uint64_t gpio_delivery_age_ns) {
   MapperRefreshOutcome outcome;
@@ -90,16 +66,16 @@ MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMa
     if (outcome.mapping.uncertainty_us > mapping_uncertainty_gate_us) {
       outcome.gate_drop = true;
     } else {
-      const std::uint32_t reason = mapper.last_rejected.reject_reason;
+      const FitRejectReason reason = last_rejected.reject_reason;
       outcome.gate_drop =
-          reason == fit_reject_anchor_window_too_wide || reason == fit_reject_bridge_window_too_wide;
+          reason == FitRejectReason::anchor_window_too_wide || reason == FitRejectReason::bridge_window_too_wide;
     }
   }
 
   outcome.message = "TMST to RAW mapping failed or exceeded uncertainty gate: " +
-                    format_mapping_diagnostic(outcome.mapping, mapper.fit, tick, measurement_uncertainty_ns,
+                    format_mapping_diagnostic(outcome.mapping, fit, tick, measurement_uncertainty_ns,
                                               gpio_delivery_age_ns);
-  outcome.message += ", recovery_refresh_rejected_fit={" + format_fit_diagnostic(mapper.last_rejected) + "}";
+  outcome.message += ", recovery_refresh_rejected_fit={" + format_fit_diagnostic(last_rejected) + "}";
   if (!outcome.gate_drop) throw std::runtime_error(outcome.message);
   return outcome;
 }

@@ -1,5 +1,5 @@
 // One TMST tick mapped onto CLOCK_MONOTONIC_RAW with its stated uncertainty, and
-// the refresh that takes fresh anchors when a mapping fails its gate.
+// the verdict on a mapping that stays outside its gate.
 #pragma once
 
 #include <cstdint>
@@ -30,16 +30,13 @@ struct MapperRefreshOutcome {
 };
 
 // Pure; never throws.
-TmstMapping map_tmst_to_raw(const TmstMapper& mapper, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns);
+TmstMapping map_tmst_to_raw(const TmstFit& fit, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns);
 
-// Inserts the anchor only when the resulting fit also maps `tick` within the gate.
-bool add_anchor_gated(TmstMapper& mapper, const TmstAnchor& anchor, std::uint64_t tick,
-                      std::uint64_t measurement_uncertainty_ns);
-
-// The verdict on a mapping still outside its gate after fresh anchors were
-// refused (mapper.last_rejected says why). Returns the soft drop with its
+// The verdict on a mapping with fit still outside its gate after fresh anchors
+// were refused (last_rejected says why). Returns the soft drop with its
 // message, or throws std::runtime_error with the message when it is fatal.
-MapperRefreshOutcome judge_failed_mapping(const TmstMapper& mapper, const TmstMapping& mapping, bool strict_timing, std::uint64_t tick,
+MapperRefreshOutcome judge_failed_mapping(const TmstFit& fit, const TmstFit& last_rejected, const TmstMapping& mapping,
+                                          bool strict_timing, std::uint64_t tick,
                                           std::uint64_t measurement_uncertainty_ns,
                                           std::uint64_t gpio_delivery_age_ns);
 

@@ -1,6 +1,6 @@
 // The sensor's timebase as seen from the host: the unwrapped TMST counter, the
-// anchor map fitted onto CLOCK_MONOTONIC_RAW, and the one rule by which fresh
-// anchors are taken when the map refuses one.
+// anchor map fitted onto CLOCK_MONOTONIC_RAW, and the rules by which fresh
+// anchors are taken from the source the run provides.
 #pragma once
 
 #include <cstdint>
@@ -29,49 +29,50 @@ struct AnchorGate {
 
 // True when attempt number `attempt` (from 1), refused for `reason`, is worth
 // another with a fresh snapshot under `gate`.
-bool fresh_anchor_worth_retrying(std::uint32_t attempt, std::uint32_t reason, const AnchorGate& gate) noexcept;
+bool fresh_anchor_worth_retrying(std::uint32_t attempt, FitRejectReason reason, const AnchorGate& gate) noexcept;
 
-// Offers up to fresh_anchor_attempts anchors from source; true when one went in,
-// with its tick in *inserted_tick. Sets or clears mapper.outshone.
-bool insert_fresh_anchor(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source, const AnchorGate& gate,
-                         std::uint64_t* inserted_tick = nullptr);
-
-// Maps tick; when it fails its gate, fresh anchors gated on tick are offered
-// first. A valid mapping, a soft drop (message set), or a throw.
-MapperRefreshOutcome refresh_mapper(TmstMapper& mapper, TmstUnwrapState& unwrap, AnchorSource& source,
-                                    bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
-                                    std::uint64_t gpio_delivery_age_ns);
-
-// The mapper and the counter's unwrap state of one run, kept together.
+// The mapper and the counter's unwrap state of one run, with the source of its
+// anchors. It makes no system call itself: every snapshot comes from source.
 class TmstTimebase {
  public:
-  explicit TmstTimebase(bool bracket_fit = false) noexcept { mapper_.bracket_fit = bracket_fit; }
+  TmstTimebase(AnchorSource& source, bool bracket_fit) noexcept : source_(source), mapper_(bracket_fit) {}
+  TmstTimebase(const TmstTimebase&) = delete;
+  TmstTimebase& operator=(const TmstTimebase&) = delete;
 
   // Forgets every anchor and the counter's wrap history.
   void reset() noexcept;
-
   // Builds the map from scratch; throws when it cannot.
-  void establish(AnchorSource& source) { establish_anchor_map(mapper_, unwrap_, source); }
+  void establish() { establish_anchor_map(mapper_, unwrap_, source_); }
 
-  bool insert_fresh_anchor(AnchorSource& source, const AnchorGate& gate, std::uint64_t* inserted_tick = nullptr) {
-    return pelmor_lusk::insert_fresh_anchor(mapper_, unwrap_, source, gate, inserted_tick);
+  // Offers up to fresh_anchor_attempts anchors; true when one went in, with its
+  // tick in *inserted_tick.
+  bool insert_fresh_anchor(const AnchorGate& gate, std::uint64_t* inserted_tick = nullptr) {
+    return offer_fresh_anchors(gate, false, inserted_tick);
   }
-  MapperRefreshOutcome map_refreshing(AnchorSource& source, bool strict_timing, std::uint64_t tick,
-                                      std::uint64_t measurement_uncertainty_ns, std::uint64_t gpio_delivery_age_ns) {
-    return refresh_mapper(mapper_, unwrap_, source, strict_timing, tick, measurement_uncertainty_ns,
-                          gpio_delivery_age_ns);
+  // Keeps the fit up with the sensor clock's drift while the FIFO streams; a
+  // refused anchor leaves the fit in force.
+  void refresh_for_sample(std::uint64_t tick, std::uint64_t measurement_uncertainty_ns) {
+    offer_fresh_anchors(AnchorGate::sample(tick, measurement_uncertainty_ns), true, nullptr);
   }
+  // Maps tick; when it fails its gate, fresh anchors gated on tick are offered
+  // first. A valid mapping, a soft drop (message set), or a throw.
+  MapperRefreshOutcome refresh_mapper(bool strict_timing, std::uint64_t tick, std::uint64_t measurement_uncertainty_ns,
+                                      std::uint64_t gpio_delivery_age_ns);
 
   const TmstMapper& mapper() const noexcept { return mapper_; }
-  std::uint64_t wrap_count() const noexcept { return unwrap_.wrap_count; }
-  std::uint32_t last_reject_reason() const noexcept { return mapper_.last_rejected.reject_reason; }
-  // A wide window refused a precise fresh anchor: the map needs rebuilding.
-  bool outshone() const noexcept { return mapper_.outshone; }
-  const TmstFit& last_rejected() const noexcept { return mapper_.last_rejected; }
+  std::uint64_t wrap_count() const noexcept { return unwrap_.wrap_count(); }
+  FitRejectReason last_reject_reason() const noexcept { return mapper_.last_rejected().reject_reason; }
+  // The last fresh anchor offered was refused although the window is wide
+  // against it: only a rebuilt map can take it in. Cleared when an anchor joins.
+  bool outshone() const noexcept { return outshone_; }
 
  private:
-  TmstMapper mapper_{};
-  TmstUnwrapState unwrap_{};
+  bool offer_fresh_anchors(const AnchorGate& gate, bool periodic, std::uint64_t* inserted_tick);
+
+  AnchorSource& source_;
+  TmstMapper mapper_;
+  TmstUnwrap unwrap_{};
+  bool outshone_ = false;
 };
 
 }  // namespace pelmor_lusk

@@ -282,6 +282,50 @@ INSTANTIATE_TEST_SUITE_P(
                    "failed to refresh TMST to RAW anchor map at FIFO/GPIO boundary: reason=anchor_window_too_wide", true}),
     [](const testing::TestParamInfo<StartFault>& param_info) { return std::string(param_info.param.name); });
 
+// After a failed snapshot the sensor is put back in bank 0 once, by the
+// snapshot itself; only the periodic refresh while streaming tries once more.
+TEST(FailedSnapshot, PutsBank0BackOnceExceptInThePeriodicRefresh) {
+  // Bank selections in the SPI log after the failed snapshot message.
+  const auto restores_after_failure = [] {
+    const auto log = vb::spi_log();
+    std::size_t failed = log.size();
+    for (std::size_t i = 0; i < log.size(); ++i) {
+      if (log[i].kind == vb::SpiMessageKind::tmst_snapshot && log[i].result < 0) failed = i;
+    }
+    std::size_t restores = 0;
+    for (std::size_t i = failed + 1; i < log.size(); ++i) {
+      restores += log[i].kind == vb::SpiMessageKind::bank_select ? 1U : 0U;
+    }
+    return failed < log.size() ? restores : 99U;
+  };
+  vb::Config config = vb::Config::ideal();
+  config.spi_log_capacity = 8192;
+
+  // Seven snapshots establish the map on a quiet board; the eighth arms the boundary.
+  vb::reset(config);
+  BoardClient client(25);
+  vb::fail_spi_message(vb::SpiMessageKind::tmst_snapshot, EIO, vb::Trigger::once(8));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(pelmor_start(client.handle), PELMOR_ERR_IO);
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(lines_starting_with(log, "ICM-42688 start failed: failed to read TMST snapshot SPI message").size(), 1U)
+      << log;
+  EXPECT_EQ(restores_after_failure(), 1U);
+
+  // The ninth is the first periodic refresh, sixteen samples into the run.
+  vb::reset(config);
+  BoardClient streaming(25);
+  vb::fail_spi_message(vb::SpiMessageKind::tmst_snapshot, EIO, vb::Trigger::once(9));
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(pelmor_test::start_on_board(streaming.handle), PELMOR_OK);
+  EXPECT_TRUE(streaming.wait_until_stopped(10s));
+  pelmor_stop(streaming.handle);
+  log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(lines_starting_with(log, "imu worker fatal: failed to read TMST snapshot SPI message").size(), 1U) << log;
+  EXPECT_EQ(streaming.sample_count(), 16U);
+  EXPECT_EQ(restores_after_failure(), 2U);
+}
+
 TEST(Lifecycle, DestroyWhileRunningStopsAndFrees) {
   vb::reset(vb::Config::ideal());
   const int fds_before = pelmor_test::open_fd_count();

@@ -21,17 +21,21 @@ bool is_summary(const std::string& line, const std::string& label) {
   return line.rfind("TIMING_DROP_SUMMARY label=" + label + " ", 0) == 0;
 }
 
-class DropAccounting : public ::testing::Test {
+class DropAccountingTest : public ::testing::Test {
  protected:
-  void drop(std::uint32_t kind = timing_drop_tmst_raw, std::string_view detail = "x",
-            std::uint32_t stage = timing_drop_stage_none) {
-    record_timing_drop(counters, reference, queue, StepGateResult{true, false, 77, 0, 0}, false, kind,
-                       "TMST to RAW timing sample dropped", detail, stage);
+  void drop(TimingDropKind kind = TimingDropKind::tmst_raw, std::string_view detail = "x",
+            TimingDropStage stage = TimingDropStage::none) {
+    accounting.record_drop(kind, stage, "TMST to RAW timing sample dropped", detail);
   }
+  // Drops counted without capturing what they log.
+  void quiet_drops(int count) {
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < count; ++i) drop();
+    testing::internal::GetCapturedStderr();
+  }
+  const TimingDropCounters& counters() const { return accounting.counters(); }
 
-  TimingDropCounters counters;
-  StepReference reference;
-  PendingEventQueue queue;
+  DropAccounting accounting;
 };
 
 TEST(UncertaintyScan, CountsOnlyValuesAboveTwoHundred) {
@@ -43,7 +47,7 @@ TEST(UncertaintyScan, CountsOnlyValuesAboveTwoHundred) {
   EXPECT_TRUE(detail_has_uncertainty_over_200("uncertainty_us=99999999999999999999999999"));
 }
 
-TEST_F(DropAccounting, FirstEightLoggedInFullThenPeriodicSummaries) {
+TEST_F(DropAccountingTest, FirstEightLoggedInFullThenPeriodicSummaries) {
   testing::internal::CaptureStderr();
   for (int i = 0; i < 512; ++i) drop();
   const std::vector<std::string> lines = lines_of(testing::internal::GetCapturedStderr());
@@ -64,55 +68,65 @@ TEST_F(DropAccounting, FirstEightLoggedInFullThenPeriodicSummaries) {
 
   // A resync that discards no samples at 512 must not repeat the summary.
   testing::internal::CaptureStderr();
-  record_resync_success(counters, recovery_batch_mismatch, 0, 1);
+  accounting.record_resync_success(RecoveryReason::batch_mismatch, 0, 1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(DropAccounting, KindsUncertaintyAndConsumedEvent) {
-  queue.push_back(BridgedEvent{});
+TEST_F(DropAccountingTest, KindsStagesAndUncertainty) {
   testing::internal::CaptureStderr();
-  drop(timing_drop_bridge, "uncertainty_us=250");
-  drop(7);
-  record_timing_drop(counters, reference, queue, StepGateResult{}, true, timing_drop_phase, "m", "d", 0);
+  drop(TimingDropKind::bridge, "uncertainty_us=250");
+  drop(TimingDropKind::tmst_raw);
+  drop(TimingDropKind::phase, "d", TimingDropStage::startup);
+  drop(TimingDropKind::phase, "d", TimingDropStage::runtime);
+  drop(TimingDropKind::phase, "d", TimingDropStage::none);
+  accounting.record_dropped_event();
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(counters.bridge_drops, 1U);
-  EXPECT_EQ(counters.tmst_raw_drops, 1U);
-  EXPECT_EQ(counters.phase_drops, 1U);
-  EXPECT_EQ(counters.startup_phase_drops + counters.runtime_phase_drops, 0U);
-  EXPECT_EQ(counters.uncertainty_over_200_drops, 1U);
-  EXPECT_TRUE(queue.empty());
-  EXPECT_FALSE(reference.have_reference);  // the last drop had failed its step gate
+  const TimingDropCounters& c = counters();
+  EXPECT_EQ(c.bridge_drops, 1U);
+  EXPECT_EQ(c.tmst_raw_drops, 1U);
+  EXPECT_EQ(c.phase_drops, 3U);
+  EXPECT_EQ(c.drop_sample_count, 3U);  // only the phase check's
+  EXPECT_EQ(c.drop_event_count, 1U);
+  EXPECT_EQ(c.startup_phase_drops, 1U);
+  EXPECT_EQ(c.runtime_phase_drops, 1U);
+  EXPECT_EQ(c.uncertainty_over_200_drops, 1U);
+  EXPECT_EQ(c.total_drops, 5U);  // a dropped event is not a dropped sample
+
+  accounting.record_accepted_sample();
+  quiet_drops(2);
+  EXPECT_EQ(counters().consecutive_drops, 2U);
+  EXPECT_EQ(counters().max_consecutive_drops, 5U);
 }
 
-TEST_F(DropAccounting, ResyncSummariesOnlyWhenLandingOnMultiple) {
-  counters.total_drops = 250;
-  counters.consecutive_drops = 250;
+TEST_F(DropAccountingTest, ResyncSummariesOnlyWhenLandingOnMultiple) {
+  quiet_drops(250);
   testing::internal::CaptureStderr();
-  record_resync_success(counters, recovery_gpio_sequence_gap, 10, 4);
+  accounting.record_resync_success(RecoveryReason::gpio_sequence_gap, 10, 4);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(counters.total_drops, 260U);
-  EXPECT_EQ(counters.max_consecutive_drops, 260U);
-  EXPECT_EQ(counters.gpio_sequence_gap_discarded_gpio_events, 4U);
+  EXPECT_EQ(counters().total_drops, 260U);
+  EXPECT_EQ(counters().max_consecutive_drops, 260U);
+  EXPECT_EQ(counters().resyncs(RecoveryReason::gpio_sequence_gap).discarded_gpio_events, 4U);
 
-  counters.total_drops = 500;
+  quiet_drops(242);  // past the summary at 256, to 502
   testing::internal::CaptureStderr();
-  record_resync_success(counters, 9, 12, 0);  // unknown reasons count as batch_mismatch
+  accounting.record_resync_success(RecoveryReason::timing_drop_run, 10, 0);
   const std::vector<std::string> lines = lines_of(testing::internal::GetCapturedStderr());
   ASSERT_EQ(lines.size(), 1U);
   EXPECT_TRUE(is_summary(lines[0], "periodic"));
-  EXPECT_EQ(counters.batch_mismatch_resync_drops, 12U);
+  EXPECT_NE(lines[0].find(" total_drops=512 "), std::string::npos);
+  EXPECT_EQ(counters().resyncs(RecoveryReason::timing_drop_run).drops, 10U);
+  EXPECT_EQ(counters().resyncs(RecoveryReason::batch_mismatch).drops, 0U);
 }
 
-TEST_F(DropAccounting, FinalSummaryOnceAndSuppressedNeverNegative) {
-  counters.detailed_logs = 3;
-  counters.total_drops = 1;
+TEST_F(DropAccountingTest, FinalSummaryOnce) {
+  quiet_drops(1);
   testing::internal::CaptureStderr();
-  print_final_timing_drop_summary(counters);
-  print_final_timing_drop_summary(counters);
+  accounting.write_final_summary();
+  accounting.write_final_summary();
   const std::vector<std::string> lines = lines_of(testing::internal::GetCapturedStderr());
   ASSERT_EQ(lines.size(), 1U);
   EXPECT_TRUE(is_summary(lines[0], "final"));
-  EXPECT_NE(lines[0].find(" detailed_logs=3 suppressed_logs=0 mapper_failure_count=1"), std::string::npos);
+  EXPECT_NE(lines[0].find(" detailed_logs=1 suppressed_logs=0 mapper_failure_count=1"), std::string::npos);
 }
 
 }  // namespace

@@ -7,16 +7,17 @@
 
 #include "pairing_script.hpp"
 #include "pipeline/pairing_core.hpp"
+#include "pipeline/resync_report.hpp"
 #include "sensor/sample_units.hpp"
 
 namespace pelmor_lusk {
 namespace {
 
+using testing_support::anchor;
 using testing_support::error_of;
-using testing_support::mapped_at;
 using testing_support::PairingScript;
 using testing_support::raw_of_tick;
-using testing_support::soft_drop;
+using testing_support::WindowShape;
 
 constexpr std::uint64_t anchor_tick = 1'000'000;
 
@@ -28,15 +29,6 @@ RateProfile with_phase_calibration(RateProfile p) {
   return p;
 }
 const RateProfile calibrated_25hz = with_phase_calibration(rate_profile_25hz);
-
-// The sample one period on, paired with an edge changed by `edit`.
-SampleAction sample_with_edge(PairingScript& s, void (*edit)(BridgedEvent&)) {
-  s.tick += s.profile.nominal_step_ticks;
-  BridgedEvent e = s.edge(s.tick);
-  edit(e);
-  s.admit(e);
-  return s.play(PairingScript::packet(s.tick));
-}
 
 SampleAction sentinel_sample(PairingScript& s, int axis) {
   s.tick += s.profile.nominal_step_ticks;
@@ -55,19 +47,17 @@ TEST(PairingCoreStream, Clean25HzEmitsEverySampleAtItsOwnTimes) {
   s.stream(50);  // 2e6 ticks: the 16-bit counter wraps about thirty times
 
   ASSERT_EQ(s.emitted.size(), 50U);
-  ASSERT_EQ(s.mappings.size(), 50U);
   for (std::size_t i = 0; i < s.emitted.size(); ++i) {
     const std::uint64_t tick = anchor_tick + (i + 1) * 40000;
     const ImuSample& out = s.emitted[i];
-    EXPECT_EQ(s.mappings[i].tick, tick) << i;
     EXPECT_EQ(out.sample_index, i);
+    EXPECT_EQ(out.tmst_wrap_count, s.wrap_counts[i]) << i;
     EXPECT_EQ(out.mapped_time_raw_ns, raw_of_tick(tick)) << i;
     EXPECT_EQ(out.event_time_raw_ns, raw_of_tick(tick)) << i;
     EXPECT_EQ(out.fifo_timestamp_low16, tick & 0xFFFF) << i;
     EXPECT_EQ(out.total_drops + out.boundary_resyncs + out.batch_failures, 0U) << i;
   }
-  EXPECT_EQ(s.mappings[0].half_window_ns, 2000U);
-  EXPECT_EQ(s.mappings[0].delivery_age_ns, 500U);
+  EXPECT_EQ(s.wrap_counts.back(), 2U);  // the periodic refreshes carried the counter's turns
   EXPECT_EQ(s.core.samples_emitted(), 50U);
   EXPECT_EQ(s.core.pending_events(), 0U);
   EXPECT_EQ(s.core.counters().total_drops, 0U);
@@ -104,12 +94,13 @@ TEST(PairingCoreStream, SampleCarriesSiUnitsRawWordsUncertaintyAndCounters) {
   s.arm(anchor_tick);
   s.core.count_batch_failure();
   testing::internal::CaptureStderr();
-  s.sample(soft_drop());
+  s.unmappable_sample();
   testing::internal::GetCapturedStderr();
 
   s.tick += 40000;
   BridgedEvent late = s.edge(s.tick);
   late.raw_ns += 1234;  // INT1 is not exactly at the sample's mapped time
+  late.half_window_ns = 34'500;
   s.admit(late);
   FifoPacket p = PairingScript::packet(s.tick);
   p.temperature = 0x1234;
@@ -120,7 +111,7 @@ TEST(PairingCoreStream, SampleCarriesSiUnitsRawWordsUncertaintyAndCounters) {
   p.gyro_x = 164;
   p.gyro_y = -328;
   p.gyro_z = 1;
-  ASSERT_EQ(s.play(p, 1, [](MapperRefreshOutcome& o) { o.mapping.uncertainty_us = 37; }), SampleAction::emit);
+  ASSERT_EQ(s.play(p), SampleAction::emit);
 
   const ImuSample& out = s.emitted.at(0);
   const double g = 9.80665;
@@ -136,24 +127,12 @@ TEST(PairingCoreStream, SampleCarriesSiUnitsRawWordsUncertaintyAndCounters) {
   for (int i = 0; i < 7; ++i) EXPECT_EQ(out.raw_words[i], words[i]) << i;
   EXPECT_EQ(out.event_time_raw_ns, late.raw_ns);
   EXPECT_EQ(out.mapped_time_raw_ns, raw_of_tick(s.tick));
-  EXPECT_EQ(out.phase_uncertainty_us, 37U);
+  // 34.5 us of bridge, 1 us of bracket, 0.88 us of extrapolation past the
+  // newest anchor and the 1 us tick, rounded up.
+  EXPECT_EQ(out.phase_uncertainty_us, 38U);
   EXPECT_EQ(out.batch_failures, 1U);
   EXPECT_EQ(out.total_drops, 1U);
   EXPECT_EQ(out.sample_index, 0U);  // the dropped sample used no index
-}
-
-TEST(PairingCoreStream, WrapCountSaturatesAtUint32Max) {
-  PairingScript s(rate_profile_25hz);
-  s.arm(anchor_tick);
-  const struct {
-    std::uint64_t wraps;
-    std::uint32_t reported;
-  } cases[] = {{0, 0}, {7, 7}, {0xFFFF'FFFF, 0xFFFF'FFFF}, {0x1'0000'0000, 0xFFFF'FFFF}, {UINT64_MAX, 0xFFFF'FFFF}};
-  for (const auto& c : cases) {
-    s.wrap_count = c.wraps;
-    ASSERT_EQ(s.sample(), SampleAction::emit);
-    EXPECT_EQ(s.emitted.back().tmst_wrap_count, c.reported) << c.wraps;
-  }
 }
 
 // --- Event admission ---
@@ -167,7 +146,7 @@ TEST(PairingCoreEvents, SequenceGapAsksForResyncAndCountsABoundaryResync) {
 
   const std::optional<ResyncRequest> r = s.admit(gap);
   ASSERT_TRUE(r);
-  EXPECT_EQ(r->reason, recovery_gpio_sequence_gap);
+  EXPECT_EQ(r->reason, RecoveryReason::gpio_sequence_gap);
   EXPECT_EQ(r->message, "GPIO395 line event sequence gap");
   EXPECT_EQ(r->discarded_gpio_events_pre_recovery, 4U);
   EXPECT_EQ(r->discarded_fifo_samples, 0U);  // the loop fills it in
@@ -188,7 +167,7 @@ TEST(PairingCoreEvents, QueueOverflowAsksForResyncWithoutCountingABoundaryResync
 
   const std::optional<ResyncRequest> r = s.admit(s.edge(anchor_tick));
   ASSERT_TRUE(r);
-  EXPECT_EQ(r->reason, recovery_gpio_queue_overflow);
+  EXPECT_EQ(r->reason, RecoveryReason::gpio_queue_overflow);
   EXPECT_EQ(r->message, "too many unmatched GPIO395 events");
   EXPECT_EQ(r->discarded_gpio_events_pre_recovery, 129U);
   EXPECT_EQ(r->trigger->line_seqno, 129U);
@@ -197,7 +176,7 @@ TEST(PairingCoreEvents, QueueOverflowAsksForResyncWithoutCountingABoundaryResync
 
   BridgedEvent gap = s.edge(anchor_tick);
   gap.seqno_gap = true;
-  EXPECT_EQ(s.admit(gap)->reason, recovery_gpio_sequence_gap);  // a gap wins over a full queue
+  EXPECT_EQ(s.admit(gap)->reason, RecoveryReason::gpio_sequence_gap);  // a gap wins over a full queue
 }
 
 TEST(PairingCoreEvents, MissingEdgeIsABatchMismatch) {
@@ -211,7 +190,7 @@ TEST(PairingCoreEvents, MissingEdgeIsABatchMismatch) {
   EXPECT_TRUE(s.core.short_of_events(3));
   EXPECT_FALSE(s.core.short_of_events(2));
   const ResyncRequest r = s.core.batch_mismatch(3);
-  EXPECT_EQ(r.reason, recovery_batch_mismatch);
+  EXPECT_EQ(r.reason, RecoveryReason::batch_mismatch);
   EXPECT_EQ(r.message, "FIFO/GPIO batch boundary mismatch");
   EXPECT_EQ(r.discarded_fifo_samples, 3U);
   EXPECT_EQ(r.discarded_gpio_events_pre_recovery, 2U);
@@ -244,12 +223,10 @@ TEST(PairingCoreStepGate, SkippedSampleAsksForResyncOrThrowsWhenStrict) {
           << r.message;
       EXPECT_TRUE(contains(r.message, ", reference_tick=" + std::to_string(last_tick) + ", first_sample=0,"));
       EXPECT_TRUE(contains(r.message, "runtime_boundary_context=0"));
-      EXPECT_EQ(r.reason, recovery_batch_mismatch);
+      EXPECT_EQ(r.reason, RecoveryReason::batch_mismatch);
       EXPECT_EQ(r.discarded_fifo_samples, 3U);
       EXPECT_EQ(r.discarded_gpio_events_pre_recovery, 3U);
       EXPECT_EQ(r.trigger->line_seqno, 6U);  // the front edge the sample was paired with
-      EXPECT_FALSE(s.core.step_reference().have_reference);
-      EXPECT_EQ(s.mappings.size(), 5U);  // the sample was never mapped
       EXPECT_EQ(s.core.counters().total_drops, 0U);  // drops are counted when the resync succeeds
     }
   }
@@ -266,7 +243,7 @@ TEST(PairingCoreStepGate, FirstStepAfterAnArmMayBeShortButNotLong) {
 
     s.arm(anchor_tick);
     EXPECT_NE(s.sample_at(anchor_tick + profile->max_step_ticks), SampleAction::resync);
-    EXPECT_EQ(s.core.step_reference().reference_tick, anchor_tick + profile->max_step_ticks);
+    EXPECT_NE(s.sample(), SampleAction::resync);  // the long first step became the reference
 
     s.arm(anchor_tick);
     ASSERT_EQ(s.sample_at(anchor_tick + profile->max_step_ticks + 1), SampleAction::resync);
@@ -312,7 +289,7 @@ TEST(PairingCoreStepGate, RuntimeRearmPutsItsBoundaryInTheMessage) {
 
 void invalidate_bridge(BridgedEvent& e) {
   e.valid = false;
-  e.reject_reason = bridge_reject_half_window_too_wide;
+  e.reject_reason = BridgeRejectReason::half_window_too_wide;
   e.half_window_ns = 150'000;
 }
 
@@ -321,7 +298,7 @@ TEST(PairingCoreDrops, InvalidBridgeDropsTheSampleAndConsumesItsEdge) {
   s.arm(anchor_tick);
   s.stream(2);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(sample_with_edge(s, invalidate_bridge), SampleAction::next);
+  EXPECT_EQ(s.sample_with_edge(invalidate_bridge), SampleAction::next);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_TRUE(starts_with(log, "GPIO395 MONOTONIC to RAW bridge timing sample dropped: reason=half_window_too_wide,"))
       << log;
@@ -338,7 +315,7 @@ TEST(PairingCoreDrops, InvalidBridgeDropsTheSampleAndConsumesItsEdge) {
 
   PairingScript strict(rate_profile_25hz, true);
   strict.arm(anchor_tick);
-  const std::string error = error_of<std::runtime_error>([&] { sample_with_edge(strict, invalidate_bridge); });
+  const std::string error = error_of<std::runtime_error>([&] { strict.sample_with_edge(invalidate_bridge); });
   EXPECT_TRUE(starts_with(error, "GPIO395 MONOTONIC to RAW bridge exceeded uncertainty gate: reason=half_window_too_wide,"))
       << error;
 }
@@ -347,14 +324,17 @@ TEST(PairingCoreDrops, TmstSoftDropsCountConsecutivelyUntilASampleIsAccepted) {
   PairingScript s(rate_profile_25hz);
   s.arm(anchor_tick);
   testing::internal::CaptureStderr();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(s.sample(soft_drop()), SampleAction::next);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(s.unmappable_sample(), SampleAction::next);
   EXPECT_EQ(s.core.counters().consecutive_drops, 3U);
   ASSERT_EQ(s.sample(), SampleAction::emit);
-  EXPECT_EQ(s.sample(soft_drop()), SampleAction::next);
+  EXPECT_EQ(s.unmappable_sample(), SampleAction::next);
   ASSERT_EQ(s.sample(), SampleAction::emit);
   const std::string log = testing::internal::GetCapturedStderr();
 
-  EXPECT_TRUE(starts_with(log, "TMST to RAW timing sample dropped: TMST to RAW mapping failed")) << log;
+  EXPECT_TRUE(starts_with(log, "TMST to RAW timing sample dropped: TMST to RAW mapping failed or exceeded uncertainty "
+                               "gate: fifo_tmst_tick=" + std::to_string(anchor_tick + 40000) +
+                               ", measurement_uncertainty_ns=250000, gpio_delivery_age_ns=500,"))
+      << log;
   const TimingDropCounters& c = s.core.counters();
   EXPECT_EQ(c.tmst_raw_drops, 4U);
   EXPECT_EQ(c.bridge_drops, 0U);
@@ -372,38 +352,54 @@ TEST(PairingCoreDrops, ASecondOfDropsInARowCallsForARebuiltMap) {
   PairingScript s(rate_profile_25hz);
   s.arm(anchor_tick);
   testing::internal::CaptureStderr();
-  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.unmappable_sample(), SampleAction::next) << i;
   ASSERT_EQ(s.sample(), SampleAction::emit);  // an accepted sample starts the count again
-  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
-  ASSERT_EQ(s.sample(soft_drop()), SampleAction::resync);  // the 25th: one second at 25 Hz
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.unmappable_sample(), SampleAction::next) << i;
+  ASSERT_EQ(s.unmappable_sample(), SampleAction::resync);  // the 25th: one second at 25 Hz
   ASSERT_EQ(s.resyncs.size(), 1U);
-  EXPECT_EQ(s.resyncs[0].reason, recovery_timing_drop_run);
+  EXPECT_EQ(s.resyncs[0].reason, RecoveryReason::timing_drop_run);
   EXPECT_EQ(s.resyncs[0].message, "timing samples dropped for a second in a row");
   EXPECT_EQ(s.resyncs[0].discarded_fifo_samples, 0U);
   EXPECT_FALSE(s.resyncs[0].trigger.has_value());
 
   // The count starts again at each arm, so a rebuilt map gets its own second.
   s.arm(s.tick);
-  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.sample(soft_drop()), SampleAction::next) << i;
+  for (int i = 0; i < 24; ++i) ASSERT_EQ(s.unmappable_sample(), SampleAction::next) << i;
   testing::internal::GetCapturedStderr();
   EXPECT_EQ(s.core.counters().consecutive_drops, 49U);
 }
 
 TEST(PairingCoreDrops, AMapRefusingAPreciseAnchorIsRebuiltWithTheBatchDiscarded) {
-  PairingScript s(rate_profile_25hz);
-  s.arm(anchor_tick);
-  s.stream(2);
-  const std::uint64_t step = rate_profile_25hz.nominal_step_ticks;
-  s.admit(s.edge(s.tick + step));
-  s.admit(s.edge(s.tick + 2 * step));
-  ASSERT_EQ(s.core.pair_sample(PairingScript::packet(s.tick + step), 3, s.mapper).action, SampleAction::map);
-  const SampleVerdict v = s.core.rebuild_wide_map();
-  ASSERT_EQ(v.action, SampleAction::resync);
-  EXPECT_EQ(v.resync.reason, recovery_wide_anchor_map);
-  EXPECT_EQ(v.resync.message, "TMST anchor map built from stretched snapshots refused a precise one");
-  EXPECT_EQ(v.resync.discarded_fifo_samples, 3U);  // this sample is not counted as a drop elsewhere
-  EXPECT_EQ(v.resync.discarded_gpio_events_pre_recovery, 2U);
-  EXPECT_EQ(s.core.counters().total_drops, 0U);
+  // A map built while every snapshot was stretched, its latches 98 us before
+  // the midpoints. With the widest bridge the gate allows, the first sample
+  // needs a fresh anchor, and a precise one disagrees with the whole window.
+  for (const bool strict : {false, true}) {
+    SCOPED_TRACE(strict);
+    PairingScript s(rate_profile_25hz, strict, false, WindowShape{50000, 98000, 99000});
+    const std::uint64_t step = rate_profile_25hz.nominal_step_ticks;
+    s.arm(760'000);
+    for (std::uint64_t i = 1; i <= 3; ++i) {
+      BridgedEvent e = s.edge(s.tick + i * step);
+      e.half_window_ns = bridge_max_half_window_ns;
+      s.admit(e);
+    }
+    s.tick += step;
+    if (strict) {
+      // No rebuild in strict mode: the refused refresh is the end of the run.
+      EXPECT_TRUE(starts_with(error_of<std::runtime_error>([&] { s.play(PairingScript::packet(s.tick), 3); }),
+                              "TMST to RAW mapping failed or exceeded uncertainty gate: "));
+      continue;
+    }
+    ASSERT_EQ(s.play(PairingScript::packet(s.tick), 3), SampleAction::resync);
+    EXPECT_TRUE(s.timebase.outshone());
+    const ResyncRequest& r = s.resyncs.back();
+    EXPECT_EQ(r.reason, RecoveryReason::wide_anchor_map);
+    EXPECT_EQ(r.message, "TMST anchor map built from stretched snapshots refused a precise one");
+    EXPECT_EQ(r.discarded_fifo_samples, 3U);  // this sample is not counted as a drop elsewhere
+    EXPECT_EQ(r.discarded_gpio_events_pre_recovery, 3U);
+    EXPECT_FALSE(r.trigger.has_value());
+    EXPECT_EQ(s.core.counters().total_drops, 0U);
+  }
 }
 
 // --- Startup sentinels ---
@@ -436,60 +432,77 @@ TEST(PairingCoreSentinels, FirstCleanSampleEndsStartupAndLaterSentinelsAreFatal)
 
 // --- Mapped time ---
 
-TEST(PairingCoreMapping, MappedTimeMustBeNonZeroAndStrictlyIncreasing) {
-  const std::uint64_t first_raw = raw_of_tick(anchor_tick + 40000);
+TEST(PairingCoreMapping, MappedTimeMustBeNonZero) {
+  // A map whose line reaches RAW zero at the first sample's tick.
+  PairingScript s(rate_profile_25hz);
+  const std::uint64_t zero_tick = 900'000;
+  std::vector<TmstAnchor> anchors;
+  for (std::uint64_t k = 0; k < 4; ++k) anchors.push_back(TmstAnchor{zero_tick + k * 10000, k * 10'000'000, k * 10'000'000});
+  s.rebuild_map(anchors);
+  s.arm(zero_tick - 40000);
+  EXPECT_EQ(error_of<std::runtime_error>([&] { s.sample(); }), "mapped sample timestamp is zero");
+}
+
+TEST(PairingCoreMapping, AMapRebuiltBehindTheLastDeliveredSampleIsFatal) {
+  // After a resync the rebuilt map puts the next sample offset_ns earlier
+  // than the old one did: one period earlier is the last sample's own time.
+  const std::int64_t period_ns = 40'000'000;
   const struct {
     const char* name;
-    bool first_sample_mapped;
-    std::uint64_t second_raw;
+    std::int64_t offset_ns;
     const char* error;
   } cases[] = {
-      {"zero first", false, 0, "mapped sample timestamp is zero"},
-      {"zero later", true, 0, "mapped sample timestamp is zero"},
-      {"equal", true, first_raw, "mapped sample timestamp is not monotonic"},
-      {"decreasing", true, first_raw - 1, "mapped sample timestamp is not monotonic"},
-      {"increasing by 1 ns", true, first_raw + 1, ""},
+      {"equal", period_ns, "mapped sample timestamp is not monotonic"},
+      {"earlier", period_ns + 1, "mapped sample timestamp is not monotonic"},
+      {"later by 1 ns", period_ns - 1, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     PairingScript s(rate_profile_25hz);
-    s.arm(anchor_tick);
-    if (c.first_sample_mapped) {
-      ASSERT_EQ(s.sample(), SampleAction::emit);
+    s.arm(800'000);  // ticks within the counter's first turn: the rebuilt map starts its own
+    ASSERT_EQ(s.sample(), SampleAction::emit);
+    std::vector<TmstAnchor> anchors;
+    for (std::uint64_t k = 1; k <= 4; ++k) {
+      const std::uint64_t tick = s.tick + k * 10000;
+      anchors.push_back(anchor(tick, raw_of_tick(tick) - static_cast<std::uint64_t>(c.offset_ns)));
     }
-    EXPECT_EQ(error_of<std::runtime_error>([&] { s.sample(mapped_at(c.second_raw)); }), c.error);
+    s.rebuild_map(anchors);
+    s.arm(s.tick);
+    EXPECT_EQ(error_of<std::runtime_error>([&] { s.sample(); }), c.error);
   }
 }
 
-TEST(PairingCoreMapping, PeriodicRefreshIsDueEverySixteenAcceptedSamples) {
+TEST(PairingCoreMapping, PeriodicRefreshIsTakenEverySixteenAcceptedSamples) {
   PairingScript s(rate_profile_25hz);
   s.arm(anchor_tick);
-  s.stream(50);
-  std::vector<std::size_t> due;
-  for (std::size_t i = 0; i < s.mappings.size(); ++i) {
-    if (s.mappings[i].refresh_due) due.push_back(i);
-  }
-  EXPECT_EQ(due, (std::vector<std::size_t>{16, 32, 48}));
+  // Refresh snapshots taken while pairing each sample.
+  const auto refreshes = [&s](int samples, bool unmappable = false) {
+    std::vector<int> taken;
+    for (int i = 0; i < samples; ++i) {
+      const int before = s.source.refresh_snapshots;
+      if (unmappable) {
+        s.unmappable_sample();
+      } else {
+        s.sample();
+      }
+      taken.push_back(s.source.refresh_snapshots - before);
+    }
+    return taken;
+  };
+  std::vector<int> expected(50, 0);
+  expected[16] = expected[32] = expected[48] = 1;
+  EXPECT_EQ(refreshes(50), expected);
+  const std::uint64_t refreshed_tick = s.timebase.mapper().anchors().back().tick;
+  EXPECT_GT(refreshed_tick, anchor_tick + 48 * 40000);  // each went in: the window follows the stream
 
-  // Drops do not advance the count: the refresh stays due until a sample is accepted.
-  s.stream(14);  // 64 accepted
+  // Drops do not advance the count: the refresh stays due until a sample is
+  // accepted. Gated on a sample that cannot be mapped, it is refused and
+  // offered again twice.
+  refreshes(14);  // 64 accepted
   testing::internal::CaptureStderr();
-  s.sample(soft_drop());
+  EXPECT_EQ(refreshes(1, true), std::vector<int>{3});
   testing::internal::GetCapturedStderr();
-  s.sample();
-  s.sample();
-  const std::size_t n = s.mappings.size();
-  EXPECT_TRUE(s.mappings[n - 3].refresh_due);
-  EXPECT_TRUE(s.mappings[n - 2].refresh_due);
-  EXPECT_FALSE(s.mappings[n - 1].refresh_due);
-
-  // Without a valid fit there is nothing to refresh.
-  PairingScript unfitted(rate_profile_25hz);
-  const TmstMapper no_fit;
-  unfitted.pairing_mapper = &no_fit;
-  unfitted.arm(anchor_tick);
-  unfitted.stream(40);
-  for (const MappingRequest& m : unfitted.mappings) EXPECT_FALSE(m.refresh_due);
+  EXPECT_EQ(refreshes(2), (std::vector<int>{1, 0}));
 }
 
 // --- Calibrated phase ---
@@ -532,26 +545,12 @@ TEST(PairingCorePhase, CalibratedPhaseDropsExtraAndLateEdges) {
 
 TEST(PairingCoreResync, ReportSuccessAndFailureAreCountedPerReason) {
   const struct {
-    std::uint32_t reason;
+    RecoveryReason reason;
     const char* name;
-    std::uint32_t TimingDropCounters::*resyncs;
-    std::uint32_t TimingDropCounters::*drops;
-    std::uint32_t TimingDropCounters::*events;
   } cases[] = {
-      {recovery_batch_mismatch, "batch_mismatch", &TimingDropCounters::batch_mismatch_resyncs,
-       &TimingDropCounters::batch_mismatch_resync_drops, &TimingDropCounters::batch_mismatch_discarded_gpio_events},
-      {recovery_gpio_sequence_gap, "gpio_sequence_gap", &TimingDropCounters::gpio_sequence_gap_resyncs,
-       &TimingDropCounters::gpio_sequence_gap_resync_drops,
-       &TimingDropCounters::gpio_sequence_gap_discarded_gpio_events},
-      {recovery_gpio_queue_overflow, "gpio_queue_overflow", &TimingDropCounters::gpio_queue_overflow_resyncs,
-       &TimingDropCounters::gpio_queue_overflow_resync_drops,
-       &TimingDropCounters::gpio_queue_overflow_discarded_gpio_events},
-      {recovery_timing_drop_run, "timing_drop_run", &TimingDropCounters::timing_drop_run_resyncs,
-       &TimingDropCounters::timing_drop_run_resync_drops, &TimingDropCounters::timing_drop_run_discarded_gpio_events},
-      {recovery_pairing_slip, "pairing_slip", &TimingDropCounters::pairing_slip_resyncs,
-       &TimingDropCounters::pairing_slip_resync_drops, &TimingDropCounters::pairing_slip_discarded_gpio_events},
-      {recovery_wide_anchor_map, "wide_anchor_map", &TimingDropCounters::wide_anchor_map_resyncs,
-       &TimingDropCounters::wide_anchor_map_resync_drops, &TimingDropCounters::wide_anchor_map_discarded_gpio_events},
+      {RecoveryReason::batch_mismatch, "batch_mismatch"},   {RecoveryReason::gpio_sequence_gap, "gpio_sequence_gap"},
+      {RecoveryReason::gpio_queue_overflow, "gpio_queue_overflow"}, {RecoveryReason::timing_drop_run, "timing_drop_run"},
+      {RecoveryReason::pairing_slip, "pairing_slip"},       {RecoveryReason::wide_anchor_map, "wide_anchor_map"},
   };
   ArmBoundaryReport arm;
   arm.stale_gpio_drain.add(BridgedEvent{});
@@ -581,12 +580,12 @@ TEST(PairingCoreResync, ReportSuccessAndFailureAreCountedPerReason) {
     EXPECT_TRUE(contains(log, "\nTIMING_BOUNDARY_RESYNC " + report + ", ")) << log;
 
     const TimingDropCounters& k = s.core.counters();
-    EXPECT_EQ(k.*c.resyncs, 1U);
-    EXPECT_EQ(k.*c.drops, 5U);
-    EXPECT_EQ(k.*c.events, discarded_gpio_events_total(arm, 3));
-    EXPECT_EQ(k.batch_mismatch_resyncs + k.gpio_sequence_gap_resyncs + k.gpio_queue_overflow_resyncs +
-                  k.timing_drop_run_resyncs + k.pairing_slip_resyncs + k.wide_anchor_map_resyncs,
-              1U);
+    EXPECT_EQ(k.resyncs(c.reason).resyncs, 1U);
+    EXPECT_EQ(k.resyncs(c.reason).drops, 5U);
+    EXPECT_EQ(k.resyncs(c.reason).discarded_gpio_events, discarded_gpio_events_total(arm, 3));
+    std::uint32_t all = 0;
+    for (const ResyncCounts& counts : k.by_reason) all += counts.resyncs;
+    EXPECT_EQ(all, 1U);
     EXPECT_EQ(k.total_drops, 5U);
     EXPECT_EQ(k.boundary_resyncs, 0U);  // counted at admission, not here
 
@@ -634,8 +633,8 @@ TEST(PairingCoreResync, RunContinuesAfterARecoveredSequenceGap) {
     EXPECT_EQ(s.emitted[i].boundary_resyncs, 1U);
     EXPECT_EQ(s.emitted[i].total_drops, 2U);
   }
-  EXPECT_EQ(s.core.counters().gpio_sequence_gap_resyncs, 1U);
-  EXPECT_EQ(s.core.counters().gpio_sequence_gap_resync_drops, 2U);
+  EXPECT_EQ(s.core.counters().resyncs(RecoveryReason::gpio_sequence_gap).resyncs, 1U);
+  EXPECT_EQ(s.core.counters().resyncs(RecoveryReason::gpio_sequence_gap).drops, 2U);
 }
 
 }  // namespace

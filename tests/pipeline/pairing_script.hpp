@@ -1,7 +1,9 @@
 // Plays the worker loop around a PairingCore on an ideal timeline: TMST tick t
 // happened at RAW base_raw_ns + 1000 t, and its INT1 edge carries that time.
+// The core maps through a real timebase whose snapshots come from a script.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -12,28 +14,43 @@
 
 namespace pelmor_lusk::testing_support {
 
-// Anchors every 1e6 ticks keep every tick the tests reach inside the fitted span.
-inline TmstMapper spanning_ideal_mapper() {
-  TmstMapper m;
-  for (std::uint64_t i = 0; i < tmst_anchor_capacity; ++i) m.add_anchor(ideal(i * 1'000'000), 50000);
-  return m;
-}
-
 inline std::uint64_t raw_of_tick(std::uint64_t tick) { return base_raw_ns + tick * 1000; }
 
-// Changes the ideal mapping outcome before the core sees it.
-using OutcomeEdit = std::function<void(MapperRefreshOutcome&)>;
-
-inline OutcomeEdit soft_drop() {
-  return [](MapperRefreshOutcome& o) { o.message = "TMST to RAW mapping failed or exceeded uncertainty gate: test"; };
-}
-inline OutcomeEdit mapped_at(std::uint64_t raw_ns) {
-  return [raw_ns](MapperRefreshOutcome& o) { o.mapping.raw_ns = raw_ns; };
-}
+// The anchor map a script starts from: sixteen anchors from tick 0, `spacing`
+// apart, each bracket `half` wide on either side of a midpoint `late_ns` past
+// the truth.
+struct WindowShape {
+  std::uint64_t spacing_ticks = 50000;
+  std::uint64_t late_ns = 0;
+  std::uint64_t half_ns = 1000;
+};
 
 struct PairingScript {
-  explicit PairingScript(const RateProfile& rate, bool strict = false, bool pairing_check = false)
-      : profile(rate), core(rate, rate.rate_hz, strict, pairing_check), mapper(spanning_ideal_mapper()) {}
+  explicit PairingScript(const RateProfile& rate, bool strict = false, bool pairing_check = false,
+                         WindowShape window = {})
+      : profile(rate),
+        timebase(source, false),
+        core(rate, rate.rate_hz, RunOptions{strict, pairing_check, false}, timebase) {
+    std::vector<TmstAnchor> anchors;
+    for (std::uint64_t i = 0; i < tmst_anchor_capacity; ++i) {
+      const std::uint64_t at = i * window.spacing_ticks;
+      anchors.push_back(anchor(at, raw_of_tick(at) + window.late_ns, window.half_ns));
+    }
+    rebuild_map(anchors);
+  }
+
+  // As a resync's re-arm does: a map built anew, from these anchors. Later
+  // snapshots latch the counter exactly, a little after the last sample.
+  void rebuild_map(const std::vector<TmstAnchor>& anchors) {
+    timebase.reset();
+    source.feed(anchors);
+    for (std::size_t i = 0; i < anchors.size(); ++i) timebase.insert_fresh_anchor(AnchorGate::plain());
+    snapshot_tick = std::max(snapshot_tick, anchors.back().tick);
+    source.script([this](int) {
+      snapshot_tick = std::max(snapshot_tick, tick) + 1000;
+      return ideal_snapshot(snapshot_tick, 1000);
+    });
+  }
 
   // As an arm does: forget the old stream, then stream from anchor_tick.
   void arm(std::uint64_t anchor_tick) {
@@ -68,18 +85,11 @@ struct PairingScript {
     return request;
   }
 
-  // Pairs packet as process_batch does, pairing it again after every `again`;
-  // returns the last action.
-  SampleAction play(const FifoPacket& p, std::uint32_t remaining = 1, const OutcomeEdit& edit = {}) {
+  // Pairs packet as the worker loop does, pairing it again after every
+  // `again`; returns the last action.
+  SampleAction play(const FifoPacket& p, std::uint32_t remaining = 1) {
     for (;;) {
-      SampleVerdict v = core.pair_sample(p, remaining, pairing_mapper != nullptr ? *pairing_mapper : mapper);
-      if (v.action == SampleAction::map) {
-        mappings.push_back(v.mapping);
-        MapperRefreshOutcome outcome;
-        outcome.mapping = map_tmst_to_raw(mapper, v.mapping.tick, v.mapping.half_window_ns);
-        if (edit) edit(outcome);
-        v = core.accept_mapping(p, outcome, wrap_count);
-      }
+      SampleVerdict v = core.pair_sample(p, remaining);
       switch (v.action) {
         case SampleAction::again:
           agains += 1;
@@ -89,12 +99,13 @@ struct PairingScript {
           break;
         case SampleAction::reanchor:
           reanchors += 1;
+          timebase.insert_fresh_anchor(AnchorGate::plain());
           break;
         case SampleAction::emit:
           emitted.push_back(v.sample);
+          wrap_counts.push_back(timebase.wrap_count());
           break;
         case SampleAction::next:
-        case SampleAction::map:
           break;
       }
       return v.action;
@@ -102,36 +113,47 @@ struct PairingScript {
   }
 
   // The next sensor sample one period on, with its edge.
-  SampleAction sample(const OutcomeEdit& edit = {}) { return sample_at(tick + profile.nominal_step_ticks, edit); }
-  SampleAction sample_at(std::uint64_t at_tick, const OutcomeEdit& edit = {}) {
+  SampleAction sample() { return sample_at(tick + profile.nominal_step_ticks); }
+  SampleAction sample_at(std::uint64_t at_tick) {
     tick = at_tick;
     admit(edge(at_tick));
-    return play(packet(at_tick), 1, edit);
+    return play(packet(at_tick));
   }
   void stream(int count) {
     for (int i = 0; i < count; ++i) sample();
   }
-  // The next sample, paired with an edge whose stamp is off by offset_ns (the
-  // neighbour's edge after a slip, a late interrupt).
-  SampleAction sample_with_edge_off(std::int64_t offset_ns) {
+  // The next sample, paired with its edge changed by edit.
+  SampleAction sample_with_edge(const std::function<void(BridgedEvent&)>& edit) {
     tick += profile.nominal_step_ticks;
     BridgedEvent e = edge(tick);
-    e.raw_ns = static_cast<std::uint64_t>(static_cast<std::int64_t>(e.raw_ns) + offset_ns);
+    edit(e);
     admit(e);
     return play(packet(tick));
   }
+  // The next sample, paired with an edge whose stamp is off by offset_ns (the
+  // neighbour's edge after a slip, a late interrupt).
+  SampleAction sample_with_edge_off(std::int64_t offset_ns) {
+    return sample_with_edge([offset_ns](BridgedEvent& e) {
+      e.raw_ns = static_cast<std::uint64_t>(static_cast<std::int64_t>(e.raw_ns) + offset_ns);
+    });
+  }
+  // The next sample, with an edge whose bridge half window no map can carry
+  // within the uncertainty gate: a soft drop.
+  SampleAction unmappable_sample() {
+    return sample_with_edge([](BridgedEvent& e) { e.half_window_ns = 250'000; });
+  }
 
   const RateProfile& profile;
+  ScriptedSource source;
+  TmstTimebase timebase;
   PairingCore core;
-  TmstMapper mapper;                        // maps every sample
-  const TmstMapper* pairing_mapper = nullptr;  // handed to pair_sample instead, when set
-  std::uint64_t wrap_count = 0;
   std::uint64_t tick = 0;  // of the last sample streamed, or the anchor
+  std::uint64_t snapshot_tick = 0;
   std::uint32_t seqno = 0;
 
   std::vector<ImuSample> emitted;
+  std::vector<std::uint64_t> wrap_counts;  // the timebase's, as each sample was emitted
   std::vector<ResyncRequest> resyncs;
-  std::vector<MappingRequest> mappings;
   int reanchors = 0;
   int agains = 0;
 };

@@ -132,7 +132,7 @@ TEST(PairingSlipInTheCore, ALostEdgeEndsInAPairingSlipResync) {
     ASSERT_EQ(s.resyncs.size(), 1U);
     EXPECT_EQ(s.emitted.size(), before + 2);
     const ResyncRequest& r = s.resyncs[0];
-    EXPECT_EQ(r.reason, recovery_pairing_slip);
+    EXPECT_EQ(r.reason, RecoveryReason::pairing_slip);
     EXPECT_STREQ(recovery_reason_name(r.reason), "pairing_slip");
     EXPECT_EQ(r.message.rfind("INT1 pairing slip: event_offset_ns=40000000, learned_offset_ns=0,", 0), 0U)
         << r.message;

@@ -10,7 +10,7 @@ namespace {
 
 TEST(PhaseDecision, UncalibratedAcceptsAndCalibratedBoundsAreInclusive) {
   const PhaseDecision free = decide_phase(5'000'000, 8'000'000, 7, PhaseCalibration{0, 0, false});
-  EXPECT_EQ(free.action, phase_accept);
+  EXPECT_EQ(free.action, PhaseAction::accept);
   EXPECT_EQ(free.phase_error_ns, 0);
 
   // effective bound 20000 + 5 us; error = delta - 100000.
@@ -21,20 +21,20 @@ TEST(PhaseDecision, UncalibratedAcceptsAndCalibratedBoundsAreInclusive) {
     EXPECT_EQ(d.effective_max_error_ns, 25'000);
     return d.action;
   };
-  EXPECT_EQ(action_for_error(25'000), phase_accept);
-  EXPECT_EQ(action_for_error(-25'000), phase_accept);
-  EXPECT_EQ(action_for_error(25'001), phase_drop_sample);
-  EXPECT_EQ(action_for_error(-25'001), phase_drop_event);
+  EXPECT_EQ(action_for_error(25'000), PhaseAction::accept);
+  EXPECT_EQ(action_for_error(-25'000), PhaseAction::accept);
+  EXPECT_EQ(action_for_error(25'001), PhaseAction::drop_sample);
+  EXPECT_EQ(action_for_error(-25'001), PhaseAction::drop_event);
 }
 
 TEST(PhaseDecision, Texts) {
   const PhaseCalibration cal{0, 0, false};
   BridgedEvent e;
   e.line_seqno = 41;
-  e.reject_reason = bridge_reject_half_window_too_wide;
+  e.reject_reason = BridgeRejectReason::half_window_too_wide;
   e.half_window_ns = 150'000;
   e.delivery_age_ns = 900;
-  const PhaseDecision d{phase_drop_sample, -12, 0, 1, 1};  // 1 ns rounds up to 1 us
+  const PhaseDecision d{PhaseAction::drop_sample, -12, 0, 1, 1};  // 1 ns rounds up to 1 us
   EXPECT_EQ(format_phase_decision(d, cal, e, 777, 3, "runtime"),
             "action=drop_sample, phase_delta_ns=-12, phase_error_ns=0, expected_delay_ns=0, "
             "phase_calibrated=0, max_error_ns=0, phase_uncertainty_us=1, effective_max_error_ns=1, "
@@ -52,70 +52,50 @@ TEST(PhaseDecision, Texts) {
                    "phase_unavailable_reason=mapping_timestamp_unavailable" + tail);
 }
 
-struct MismatchRig {
-  MismatchRig() {
-    BridgedEvent e;
-    e.line_seqno = 41;
-    queue.push_back(e);
-    e.line_seqno = 42;
-    queue.push_back(e);
-    ctx.event = &queue.front();
-    ctx.resume = {true, true, 4242, 5000, 0};
+// The text of a mismatch's failure, or its drop detail when survived.
+std::string mismatch(PhaseAlignment& phase, PhaseAction action, bool strict = false) {
+  BridgedEvent e;
+  e.line_seqno = 41;
+  try {
+    return phase.on_mismatch(PhaseDecision{action, 0, 0, 0, 0}, PhaseCalibration{0, 0, true}, e, 4242, strict);
+  } catch (const std::runtime_error& error) {
+    return std::string("fatal: ") + error.what();
   }
-  // The fatal text, or "" when the mismatch was survived.
-  std::string run(std::uint32_t action) {
-    try {
-      handle_phase_mismatch(PhaseDecision{action, 0, 0, 0, 0}, ctx, state, counters, reference, queue);
-    } catch (const std::runtime_error& e) {
-      return e.what();
-    }
-    return "";
-  }
+}
 
-  PendingEventQueue queue;
-  PhaseMismatchContext ctx;
-  PhaseAlignmentState state;
-  TimingDropCounters counters;
-  StepReference reference;
-};
+TEST(PhaseMismatch, ASampleDropIsDescribedWithItsStage) {
+  PhaseAlignment phase;
+  EXPECT_EQ(phase.drop_stage(), TimingDropStage::startup);
+  const std::string detail = mismatch(phase, PhaseAction::drop_sample);
+  EXPECT_EQ(detail.rfind("action=drop_sample", 0), 0U) << detail;
+  EXPECT_NE(detail.find(", event_line_seqno=41, "), std::string::npos) << detail;
+  EXPECT_NE(detail.find(", fifo_low16=4242, startup_alignment_discards=1, drop_stage=startup"), std::string::npos)
+      << detail;
+  EXPECT_EQ(mismatch(phase, PhaseAction::drop_event), "");  // no drop to describe
+  EXPECT_EQ(phase.startup_alignment_discards(), 2U);
 
-TEST(PhaseMismatch, DropSampleKeepsEventDropEventPopsIt) {
-  MismatchRig rig;
-  testing::internal::CaptureStderr();
-  rig.run(phase_drop_sample);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(rig.queue.size(), 2U);
-  EXPECT_EQ(rig.counters.startup_phase_drops, 1U);
-  EXPECT_EQ(rig.reference.reference_tick, 4242U);
-  EXPECT_EQ(err.rfind("FIFO/GPIO phase timing sample dropped: action=drop_sample", 0), 0U);
-  EXPECT_NE(err.find(", event_line_seqno=41, "), std::string::npos) << err;
-  EXPECT_NE(err.find("discards=1, drop_stage=startup, mapper_failure_count=1\n"), std::string::npos);
-
-  rig.state.on_accept();
-  testing::internal::CaptureStderr();
-  rig.run(phase_drop_event);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(rig.queue.size(), 1U);
-  EXPECT_EQ(rig.counters.drop_event_count, 1U);
-  EXPECT_EQ(rig.counters.total_drops, 1U);  // a dropped event is not a dropped sample
+  phase.on_accept();
+  EXPECT_EQ(phase.drop_stage(), TimingDropStage::runtime);
+  EXPECT_NE(mismatch(phase, PhaseAction::drop_sample).find("startup_alignment_discards=1, drop_stage=runtime"),
+            std::string::npos);
+  phase.on_bridge_discard();
+  EXPECT_EQ(phase.startup_alignment_discards(), 2U);
 }
 
 TEST(PhaseMismatch, FatalCases) {
-  MismatchRig rig;
-  rig.state.on_accept();
-  rig.ctx.strict_timing = true;
-  EXPECT_EQ(rig.run(phase_drop_sample).rfind("FIFO/GPIO phase mismatch after startup alignment: action=", 0), 0U);
+  PhaseAlignment phase;
+  phase.on_accept();
+  EXPECT_EQ(mismatch(phase, PhaseAction::drop_sample, true)
+                .rfind("fatal: FIFO/GPIO phase mismatch after startup alignment: action=", 0),
+            0U);
+  // Not aligned yet: strict mode survives it.
+  EXPECT_EQ(mismatch(phase, PhaseAction::drop_event, true), "");
 
   // Lenient: losing alignment is counted like a startup mismatch, until the 257th discard in a row.
-  rig.state.on_accept();
-  rig.ctx.strict_timing = false;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(rig.run(phase_drop_sample), "");
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(rig.counters.runtime_phase_drops, 1U);
-  rig.state.startup_alignment_discards = 256;
-  const std::string what = rig.run(phase_drop_event);
-  EXPECT_EQ(what.rfind("FIFO/GPIO startup phase alignment did not converge: action=drop_event", 0), 0U);
+  phase.on_accept();
+  for (int i = 0; i < 256; ++i) mismatch(phase, PhaseAction::drop_event);
+  const std::string what = mismatch(phase, PhaseAction::drop_event);
+  EXPECT_EQ(what.rfind("fatal: FIFO/GPIO startup phase alignment did not converge: action=drop_event", 0), 0U);
   EXPECT_NE(what.find("startup_alignment_discards=257"), std::string::npos);
   EXPECT_EQ(what.find("drop_stage"), std::string::npos);
 }

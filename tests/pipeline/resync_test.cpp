@@ -60,7 +60,7 @@ TEST(PendingEvents, RingKeepsArrivalOrderAcrossWrap) {
 
 TEST(ResyncReport, EmptyQueueNoTriggerNoBatch) {
   const PendingEventQueue queue;
-  const ResyncReportInput in{"FIFO/GPIO batch boundary mismatch", 7, 3, 0, nullptr, nullptr, 4, 5, 45, 25};
+  const ResyncReportInput in{"FIFO/GPIO batch boundary mismatch", RecoveryReason::batch_mismatch, 3, 0, nullptr, nullptr, 4, 5, 45, 25};
   EXPECT_EQ(format_resync_report(in, queue),
             "FIFO/GPIO batch boundary mismatch: recovery_reason=batch_mismatch, discarded_fifo_samples=3, "
             "discarded_gpio_events_pre_recovery=0, fifo_batch_present=0, fifo_byte_count=0, "
@@ -84,7 +84,7 @@ TEST(ResyncReport, EvidenceSpansQueueAndTrigger) {
   batch.last_packet_header = 0x8;
   batch.spi_read_start_raw_ns = 1000;
   batch.spi_read_end_raw_ns = 2500;
-  const ResyncReportInput in{"m", recovery_gpio_sequence_gap, 3, 3, &batch, &trigger, 0, 0, 10, 30};
+  const ResyncReportInput in{"m", RecoveryReason::gpio_sequence_gap, 3, 3, &batch, &trigger, 0, 0, 10, 30};
   const std::string r = format_resync_report(in, queue);
   EXPECT_TRUE(contains(r, "fifo_batch_present=1, fifo_byte_count=0, accepted_packet_count=0, "
                           "first_packet_header=0x68, last_packet_header=0x8, "));
@@ -125,7 +125,7 @@ TEST(ResyncReport, RetrySuccessAndFailureLines) {
 
   EXPECT_EQ(format_resync_retry_line("R", 1, "boom"),
             "TIMING_BOUNDARY_RESYNC_RETRY R: attempt=1, reject_reason=anchor_window_too_wide, error=boom");
-  EXPECT_EQ(format_resync_failure_message("M", "boom", recovery_gpio_queue_overflow, 6, 129, 3),
+  EXPECT_EQ(format_resync_failure_message("M", "boom", RecoveryReason::gpio_queue_overflow, 6, 129, 3),
             "M: resync failed: boom, recovery_reason=gpio_queue_overflow, discarded_fifo_samples=6, "
             "discarded_gpio_events_pre_recovery=129, recovery_attempts=3");
 }

@@ -7,9 +7,19 @@
 namespace pelmor_lusk {
 namespace {
 
+// A reference at tick, as a first sample there leaves it.
+StepReference reference_at(std::uint64_t tick) {
+  StepReference ref;
+  ref.armed();
+  ref.advance(ref.evaluate(tick - 1, static_cast<std::uint16_t>(tick & 0xFFFF), 1, 1));
+  return ref;
+}
+
 TEST(StepGate, RuntimeStepsUnwrapAndBoundsAreInclusive) {
-  const StepReference ref{true, 0x3'F000, false};
-  const StepGateResult wrapped = evaluate_step_gate(ref, 0, 0x0000, 2500, 7500);
+  const std::uint64_t reference_tick = 0x3'F000;
+  const StepReference ref = reference_at(reference_tick);
+  const StepGateResult wrapped = ref.evaluate(0, 0x0000, 2500, 7500);
+  EXPECT_FALSE(wrapped.first_sample);
   EXPECT_EQ(wrapped.candidate_tick, 0x4'0000U);
   EXPECT_EQ(wrapped.step, 0x1000U);
   EXPECT_TRUE(wrapped.passed);
@@ -17,8 +27,8 @@ TEST(StepGate, RuntimeStepsUnwrapAndBoundsAreInclusive) {
 
   const RateProfile& p = rate_profile_25hz;
   auto passes = [&](std::uint64_t step) {
-    const auto low = static_cast<std::uint16_t>((ref.reference_tick + step) & 0xFFFF);
-    return evaluate_step_gate(ref, 0, low, p.min_step_ticks, p.max_step_ticks).passed;
+    const auto low = static_cast<std::uint16_t>((reference_tick + step) & 0xFFFF);
+    return ref.evaluate(0, low, p.min_step_ticks, p.max_step_ticks).passed;
   };
   EXPECT_FALSE(passes(19999));
   EXPECT_TRUE(passes(20000));
@@ -27,30 +37,35 @@ TEST(StepGate, RuntimeStepsUnwrapAndBoundsAreInclusive) {
 }
 
 TEST(StepGate, FirstSampleGatesAgainstBoundaryAndMayBeShortOnlyWhenAllowed) {
-  StepReference ref{false, 0, true};
+  StepReference ref;
   const std::uint64_t boundary = 0x12'0000;
-  const StepGateResult r = evaluate_step_gate(ref, boundary, 0x0001, 2500, 7500);
+  EXPECT_FALSE(ref.evaluate(boundary, 0x0001, 2500, 7500).passed);  // not armed: no short step
+  ref.armed();
+  const StepGateResult r = ref.evaluate(boundary, 0x0001, 2500, 7500);
   EXPECT_TRUE(r.first_sample);
+  EXPECT_EQ(r.reference_tick, boundary);
   EXPECT_EQ(r.step, 1U);
   EXPECT_TRUE(r.passed);
-  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 0x0000, 2500, 7500).passed);  // step 0
-  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 7501, 2500, 7500).passed);
-  ref.allow_short_first_step = false;
-  EXPECT_FALSE(evaluate_step_gate(ref, boundary, 0x0001, 2500, 7500).passed);
+  EXPECT_FALSE(ref.evaluate(boundary, 0x0000, 2500, 7500).passed);  // step 0
+  EXPECT_FALSE(ref.evaluate(boundary, 7501, 2500, 7500).passed);
 
-  // Passing a first sample ends the allowance; a failure forgets the reference.
-  ref.allow_short_first_step = true;
-  advance_step_reference(ref, r);
-  EXPECT_TRUE(ref.have_reference);
-  EXPECT_EQ(ref.reference_tick, boundary + 1);
-  EXPECT_FALSE(ref.allow_short_first_step);
-  advance_step_reference(ref, StepGateResult{});
-  EXPECT_FALSE(ref.have_reference);
-  EXPECT_EQ(ref.reference_tick, 0U);
+  // Passing a first sample ends the allowance and becomes the reference; a
+  // failure forgets it, and the next sample is a first sample without the allowance.
+  ref.advance(r);
+  EXPECT_FALSE(ref.allow_short_first_step());
+  const StepGateResult next = ref.evaluate(0, 0x0001 + 2500, 2500, 7500);
+  EXPECT_FALSE(next.first_sample);
+  EXPECT_EQ(next.reference_tick, boundary + 1);
+  ref.advance(StepGateResult{});
+  const StepGateResult after_failure = ref.evaluate(boundary, 0x0002, 2500, 7500);
+  EXPECT_TRUE(after_failure.first_sample);
+  EXPECT_FALSE(after_failure.passed);
 }
 
 TEST(StepGate, Message) {
-  const StepGateResult r = evaluate_step_gate(StepReference{false, 0, true}, 0x10000, 9000, 2500, 7500);
+  StepReference ref;
+  ref.armed();
+  const StepGateResult r = ref.evaluate(0x10000, 9000, 2500, 7500);
   const StepGateMessageFields f{30, 9000, 2500, 7500, true, true, 5000, 4970, 50, -30};
   EXPECT_EQ(format_step_gate_message(r, f),
             "FIFO timestamp step out of 30 Hz gate: 9000 ticks, fifo_low16=9000, reference_tick=65536, "

@@ -51,50 +51,44 @@ TEST(BracketLine, ThroughEveryBracketOrTheLeastWidenedOne) {
   EXPECT_FALSE(fit_bracket_line(repeated).valid);
 }
 
-TmstMapper mapper(bool bracket_fit) {
-  TmstMapper m;
-  m.bracket_fit = bracket_fit;
-  return m;
-}
-
 TEST(BracketFit, AStretchedBracketTiltsTheMidpointFitButNotTheBracketFit) {
   // Sixteen 7 us half windows on the line; the return from the third message is
   // 60 us late, so its midpoint is 30 us late but its bracket still holds the latch.
-  TmstMapper plain = mapper(false), bracket = mapper(true);
+  TmstMapper plain(false), bracket(true);
   for (std::uint64_t i = 0; i < 16; ++i) {
     TmstAnchor a = ideal(i * 80000, 7000);
     if (i == 2) a.raw_after_ns += 60000;
     plain.add_anchor(a, tmst_establish_residual_limit_ns);
     bracket.add_anchor(a, tmst_establish_residual_limit_ns);
   }
-  ASSERT_TRUE(plain.fit.valid && bracket.fit.valid) << format_fit_diagnostic(bracket.last_rejected);
+  ASSERT_TRUE(plain.fit().valid && bracket.fit().valid) << format_fit_diagnostic(bracket.last_rejected());
   const std::uint64_t next = 16 * 80000;  // one refresh interval past the newest
   const std::uint64_t truth = base_raw_ns + next * 1000;
-  EXPECT_GT(distance(map_tmst_to_raw(plain, next, 0).raw_ns, truth), 2000U);
-  const TmstMapping m = map_tmst_to_raw(bracket, next, 0);
+  EXPECT_GT(distance(map_tmst_to_raw(plain.fit(), next, 0).raw_ns, truth), 2000U);
+  const TmstMapping m = map_tmst_to_raw(bracket.fit(), next, 0);
   EXPECT_LE(distance(m.raw_ns, truth), 1U);
   // Judged by the same quantities: the stretched midpoint is the worst residual.
-  EXPECT_EQ(bracket.fit.max_residual_ns, 30000U);
-  EXPECT_EQ(bracket.fit.max_half_window_ns, 37000U);
+  EXPECT_EQ(bracket.fit().max_residual_ns, 30000U);
+  EXPECT_EQ(bracket.fit().max_half_window_ns, 37000U);
 }
 
 // Early anchors while the window is short: a quarter of the span ahead, not
 // closer than 80 ms to the newest, and never without the flag.
 TEST(BracketFit, AsksForAnEarlyAnchorOnceAQuarterSpanPastTheNewest) {
-  TmstMapper m;
-  m.bracket_fit = true;
-  for (std::uint64_t i = 0; i < 5; ++i) ASSERT_EQ(m.add_anchor(ideal(i * 100000), 50000), i >= 3);
-  ASSERT_EQ(m.fit.span_ticks, 400000U);
+  TmstMapper m(true), midpoint(false);
+  for (std::uint64_t i = 0; i < 5; ++i) {
+    ASSERT_EQ(m.add_anchor(ideal(i * 100000), 50000), i >= 3);
+    midpoint.add_anchor(ideal(i * 100000), 50000);
+  }
+  ASSERT_EQ(m.fit().span_ticks, 400000U);
   EXPECT_FALSE(m.wants_early_anchor(400000 + 100000)) << "exactly a quarter";
   EXPECT_TRUE(m.wants_early_anchor(400000 + 100001));
   EXPECT_FALSE(m.wants_early_anchor(300000)) << "behind the newest";
-  m.bracket_fit = false;
-  EXPECT_FALSE(m.wants_early_anchor(400000 + 100001));
+  EXPECT_FALSE(midpoint.wants_early_anchor(400000 + 100001));
 
-  TmstMapper narrow;
-  narrow.bracket_fit = true;
+  TmstMapper narrow(true);
   for (std::uint64_t i = 0; i < 4; ++i) narrow.add_anchor(ideal(i * 10000), 50000);
-  ASSERT_TRUE(narrow.fit.valid);
+  ASSERT_TRUE(narrow.fit().valid);
   EXPECT_FALSE(narrow.wants_early_anchor(30000 + 79999));
   EXPECT_TRUE(narrow.wants_early_anchor(30000 + 80000));
 }
@@ -102,12 +96,12 @@ TEST(BracketFit, AsksForAnEarlyAnchorOnceAQuarterSpanPastTheNewest) {
 TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
   // 90 us off the line in a 95 us half window: its bracket holds the line, but
   // the midpoint gate refuses it as it would for the midpoint fit.
-  TmstMapper m = mapper(true);
+  TmstMapper m(true);
   for (std::uint64_t tick = 0; tick < 50000; tick += 10000) m.add_anchor(ideal(tick), 50000);
   EXPECT_FALSE(m.add_anchor(anchor(50000, base_raw_ns + 50'090'000, 95000), 50000));
-  EXPECT_EQ(m.last_rejected.reject_reason, fit_reject_residual_too_large);
-  EXPECT_EQ(m.anchor_count, 5U);
-  EXPECT_TRUE(m.fit.valid);
+  EXPECT_EQ(m.last_rejected().reject_reason, FitRejectReason::residual_too_large);
+  EXPECT_EQ(m.anchors().size(), 5U);
+  EXPECT_TRUE(m.fit().valid);
 }
 
 // A window filled while every snapshot was stretched the same way (latches at
@@ -117,15 +111,15 @@ TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
 // takes it, and its stated uncertainty still carries the old brackets.
 TEST(BracketFit, AQuickAnchorIsTakenAfterAWindowOfStretchedOnes) {
   for (const bool bracket_fit : {false, true}) {
-    TmstMapper m = mapper(bracket_fit);
+    TmstMapper m(bracket_fit);
     for (std::uint64_t tick = 0; tick < 150000; tick += 10000) {
       m.add_anchor(anchor(tick, base_raw_ns + tick * 1000 + 90000, 95000), 50000);
     }
-    ASSERT_TRUE(m.fit.valid);
+    ASSERT_TRUE(m.fit().valid);
     EXPECT_EQ(m.add_anchor(ideal(150000), 50000), bracket_fit);
     if (!bracket_fit) continue;
-    EXPECT_EQ(m.anchor_count, 16U);
-    EXPECT_GE(m.fit.max_residual_ns, 80000U);
+    EXPECT_EQ(m.anchors().size(), 16U);
+    EXPECT_GE(m.fit().max_residual_ns, 80000U);
   }
 }
 
@@ -140,7 +134,7 @@ TEST_P(StatedUncertainty, CoversTheTruthWithLatchesAnywhereInTheirBrackets) {
   const auto true_raw = [](std::uint64_t tick) {
     return base_raw_ns + static_cast<std::uint64_t>(static_cast<double>(tick) * (1000.0 / 1.0025));
   };
-  TmstMapper m = mapper(GetParam());
+  TmstMapper m(GetParam());
   int judged = 0;
   for (std::uint64_t i = 0; i < 400; ++i) {
     const std::uint64_t tick = 20000 + i * 80000;
@@ -151,12 +145,12 @@ TEST_P(StatedUncertainty, CoversTheTruthWithLatchesAnywhereInTheirBrackets) {
     const std::uint64_t offset = pick == 0 ? 0 : pick == 1 ? width : static_cast<std::uint64_t>(inside(rng) * static_cast<double>(width));
     const std::uint64_t start = true_raw(tick) - offset;
     m.add_anchor(TmstAnchor{tick, start, start + width}, tmst_establish_residual_limit_ns);
-    if (!m.fit.valid) continue;
+    if (!m.fit().valid) continue;
     for (std::uint64_t ahead : {0U, 1000U, 40000U, 80000U}) {
-      const TmstMapping mapped = map_tmst_to_raw(m, tick + ahead, 0);
+      const TmstMapping mapped = map_tmst_to_raw(m.fit(), tick + ahead, 0);
       ASSERT_NE(mapped.raw_ns, 0U);
       EXPECT_LE(distance(mapped.raw_ns, true_raw(tick + ahead)), std::uint64_t{mapped.uncertainty_us} * 1000)
-          << "anchor " << i << " +" << ahead << ": " << format_fit_diagnostic(m.fit);
+          << "anchor " << i << " +" << ahead << ": " << format_fit_diagnostic(m.fit());
       ++judged;
     }
   }

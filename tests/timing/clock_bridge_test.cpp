@@ -25,7 +25,7 @@ TEST(ClockBridge, HalfWindowGateAndTruncatedOffset) {
   const BridgeResult wide = bridge_event(t, bracket(0, 200001, 10), t);
   EXPECT_EQ(wide.half_window_ns, 100001U);
   EXPECT_FALSE(wide.valid);
-  EXPECT_EQ(wide.reject_reason, 1U);
+  EXPECT_EQ(wide.reject_reason, BridgeRejectReason::half_window_too_wide);
   EXPECT_EQ(bridge_event(t, bracket(0, 4, 201), t).half_window_ns, 101U);  // the wider span counts
 
   EXPECT_EQ(bridge_event(t, bracket(10, 100, 103), 0).raw_ns, t + 11);  // delta 3: +1

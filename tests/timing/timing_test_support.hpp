@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "timing/anchor_map.hpp"
 #include "timing/tmst_mapper.hpp"
@@ -47,21 +48,51 @@ inline TmstSnapshot ideal_snapshot(std::uint64_t tick, std::uint64_t half = 1000
   return s;
 }
 
-// Snapshots from a function of the attempt number (0-based); pauses are counted.
+// The snapshot that yields anchor a.
+inline TmstSnapshot snapshot_of(const TmstAnchor& a) {
+  TmstSnapshot s;
+  s.tmst_ticks = static_cast<std::uint32_t>(a.tick);
+  s.raw_before_ns = a.raw_before_ns;
+  s.raw_after_ns = a.raw_after_ns;
+  return s;
+}
+
+// Snapshots from a function of the attempt number (0-based, from when the
+// script was set, over both kinds); pauses are counted. The script may be
+// replaced between steps.
 class ScriptedSource final : public AnchorSource {
  public:
-  explicit ScriptedSource(std::function<TmstSnapshot(int)> script) : script_(std::move(script)) {}
-  TmstSnapshot take_snapshot() override { return script_(snapshots++); }
+  using Script = std::function<TmstSnapshot(int)>;
+  explicit ScriptedSource(Script script = {}) : script_(std::move(script)) {}
+  TmstSnapshot take_snapshot() override {
+    snapshots += 1;
+    return script_(attempt_++);
+  }
+  TmstSnapshot take_refresh_snapshot() override {
+    refresh_snapshots += 1;
+    return take_snapshot();
+  }
   void pause_ns(std::int64_t ns) override {
     pauses += 1;
     last_pause_ns = ns;
   }
+  void script(Script next) {
+    script_ = std::move(next);
+    attempt_ = 0;
+  }
+  // The anchors in order, one per snapshot.
+  void feed(std::vector<TmstAnchor> anchors) {
+    script([anchors = std::move(anchors)](int i) { return snapshot_of(anchors.at(static_cast<std::size_t>(i))); });
+  }
+
   int snapshots = 0;
+  int refresh_snapshots = 0;
   int pauses = 0;
   std::int64_t last_pause_ns = 0;
 
  private:
-  std::function<TmstSnapshot(int)> script_;
+  Script script_;
+  int attempt_ = 0;
 };
 
 }  // namespace pelmor_lusk::testing_support

@@ -29,31 +29,30 @@ TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
   config.timing.drift_wander_ppm = 0.0;  // a fixed, known drift
   vb::reset(config);
   const auto sensor = testing_support::power_up_sensor();
-  SensorAnchorSource source(*sensor, false);
+  SensorAnchorSource source(*sensor);
 
-  TmstMapper mapper;
-  mapper.bracket_fit = std::get<1>(GetParam());
-  TmstUnwrapState unwrap;
+  TmstMapper mapper(std::get<1>(GetParam()));
+  TmstUnwrap unwrap;
   establish_anchor_map(mapper, unwrap, source);
-  ASSERT_TRUE(mapper.fit.valid);
+  ASSERT_TRUE(mapper.fit().valid);
 
   // Positive ppm: the counter runs fast, so fewer RAW ns per tick.
   const double true_slope = 1000.0 / (1.0 + config.tmst_drift_ppm * 1e-6);
-  EXPECT_LE(std::fabs(to_double(mapper.fit.slope_ns_per_tick) - true_slope),
-            to_double(mapper.fit.slope_uncertainty_ns_per_tick))
-      << format_fit_diagnostic(mapper.fit);
+  EXPECT_LE(std::fabs(to_double(mapper.fit().slope_ns_per_tick) - true_slope),
+            to_double(mapper.fit().slope_uncertainty_ns_per_tick))
+      << format_fit_diagnostic(mapper.fit());
 
   for (int i = 0; i < 10; ++i) {
     sleep_ms(7);
     const std::uint64_t now = read_raw_ns();
-    TmstUnwrapState probe = unwrap;  // same unwrapping domain as the anchors
-    const std::uint64_t tick = unwrap_tick(probe, vb::tmst_at(now));
-    const TmstMapping m = map_tmst_to_raw(mapper, tick, 0);
+    TmstUnwrap probe = unwrap;  // same unwrapping domain as the anchors
+    const std::uint64_t tick = probe.unwrap(vb::tmst_at(now));
+    const TmstMapping m = map_tmst_to_raw(mapper.fit(), tick, 0);
     // A loaded machine may widen a bracket past the gate; the claim must hold anyway.
-    ASSERT_NE(m.raw_ns, 0U) << format_mapping_diagnostic(m, mapper.fit, tick, 0, 0);
+    ASSERT_NE(m.raw_ns, 0U) << format_mapping_diagnostic(m, mapper.fit(), tick, 0, 0);
     const std::uint64_t error = m.raw_ns > now ? m.raw_ns - now : now - m.raw_ns;
     EXPECT_LE(error, std::uint64_t{m.uncertainty_us} * 1000)
-        << format_mapping_diagnostic(m, mapper.fit, tick, 0, 0);
+        << format_mapping_diagnostic(m, mapper.fit(), tick, 0, 0);
   }
 }
 
