@@ -152,20 +152,7 @@ SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedE
   if (mapped_ns == 0) throw std::runtime_error("mapped sample timestamp is zero");
 
   const PhaseDecision phase = decide_phase(event.raw_ns, mapped_ns, outcome.mapping.uncertainty_us, calibration_);
-  if (phase.action != PhaseAction::accept) {
-    const std::string detail = phase_.on_mismatch(phase, calibration_, event, packet.fifo_tmst, strict_timing_);
-    if (phase.action == PhaseAction::drop_event) {
-      // The same sample pairs with the next event.
-      accounting_.record_dropped_event();
-      pending_.pop_front();
-      verdict.action = SampleAction::again;
-      return verdict;
-    }
-    // The event waits for the next sample.
-    drop_sample(gate, false, TimingDropKind::phase, phase_.drop_stage(), "FIFO/GPIO phase timing sample dropped",
-                detail);
-    return verdict;
-  }
+  if (phase.action != PhaseAction::accept) return phase_mismatch(packet, event, gate, phase);
 
   const bool sentinel = has_axis_sentinel(packet);
   if (!sentinel) {
@@ -179,18 +166,7 @@ SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedE
   phase_.on_accept();
   step_.advance(gate);
   pending_.pop_front();
-
-  if (sentinel) {
-    if (accepted_sample_count_ != 0) {
-      throw std::runtime_error("IMU FIFO sample contains non-startup sentinel values");
-    }
-    startup_sentinel_count_ += 1;
-    if (startup_sentinel_count_ > startup_sentinel_limit) {
-      throw std::runtime_error("IMU FIFO startup sentinel values did not clear");
-    }
-    if (startup_sentinel_count_ % sentinel_reanchor_every == 0) verdict.action = SampleAction::reanchor;
-    return verdict;
-  }
+  if (sentinel) return startup_sentinel();
   startup_sentinel_count_ = 0;
 
   if (last_mapped_ns_ != 0 && last_mapped_ns_ >= mapped_ns) {
@@ -205,6 +181,33 @@ SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedE
     verdict.action = SampleAction::emit;
     fill_sample(packet, event, outcome.mapping, verdict.sample);
   }
+  return verdict;
+}
+
+SampleVerdict PairingCore::phase_mismatch(const FifoPacket& packet, const BridgedEvent& event,
+                                          const StepGateResult& gate, const PhaseDecision& phase) {
+  SampleVerdict verdict;
+  const std::string detail = phase_.on_mismatch(phase, calibration_, event, packet.fifo_tmst, strict_timing_);
+  if (phase.action == PhaseAction::drop_event) {
+    // The same sample pairs with the next event.
+    accounting_.record_dropped_event();
+    pending_.pop_front();
+    verdict.action = SampleAction::again;
+    return verdict;
+  }
+  // The event waits for the next sample.
+  drop_sample(gate, false, TimingDropKind::phase, phase_.drop_stage(), "FIFO/GPIO phase timing sample dropped", detail);
+  return verdict;
+}
+
+SampleVerdict PairingCore::startup_sentinel() {
+  if (accepted_sample_count_ != 0) throw std::runtime_error("IMU FIFO sample contains non-startup sentinel values");
+  startup_sentinel_count_ += 1;
+  if (startup_sentinel_count_ > startup_sentinel_limit) {
+    throw std::runtime_error("IMU FIFO startup sentinel values did not clear");
+  }
+  SampleVerdict verdict;
+  if (startup_sentinel_count_ % sentinel_reanchor_every == 0) verdict.action = SampleAction::reanchor;
   return verdict;
 }
 

@@ -119,6 +119,12 @@ class PairingCore {
   bool refresh_due(std::uint64_t tick) const noexcept;
   SampleVerdict judge_mapped(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
                              const MapperRefreshOutcome& outcome, std::uint32_t remaining_samples);
+  // drop_event: the same packet pairs again; drop_sample: dropped, the event stays.
+  SampleVerdict phase_mismatch(const FifoPacket& packet, const BridgedEvent& event, const StepGateResult& gate,
+                               const PhaseDecision& phase);
+  // An accepted sample whose axes hold the startup sentinel: skipped, and the
+  // map re-anchored every sixteenth; fatal once a sample was accepted.
+  SampleVerdict startup_sentinel();
   // The sample is dropped and counted; the step reference moves as for an
   // accepted one.
   void drop_sample(const StepGateResult& gate, bool consume_event, TimingDropKind kind, TimingDropStage stage,

@@ -159,6 +159,73 @@ bool TmstMapper::outshone_by(const TmstAnchor& fresh) const noexcept {
   return wide_against(median_half_window(anchors_, count_, skip_none), fresh.half_window_ns());
 }
 
+namespace {
+
+// The line through the anchors into r (mean_tick, slope, intercept): least
+// squares through the midpoints, or the bracket line. False when degenerate.
+bool fit_line(std::span<const TmstAnchor> anchors, bool bracket_fit, TmstFit& r) {
+  binary128 sum_tick = 0;
+  binary128 sum_mid = 0;
+  for (const TmstAnchor& a : anchors) {
+    sum_tick += to_q(a.tick);
+    sum_mid += to_q(a.midpoint_ns());
+  }
+  const binary128 count = to_q(static_cast<std::uint64_t>(anchors.size()));
+  const binary128 mean_tick = sum_tick / count;
+  const binary128 mean_mid = sum_mid / count;
+  r.mean_tick = mean_tick;
+
+  binary128 sxx = 0;
+  binary128 sxy = 0;
+  for (const TmstAnchor& a : anchors) {
+    const binary128 dt = to_q(a.tick) - mean_tick;
+    sxx += dt * dt;
+    sxy += (to_q(a.midpoint_ns()) - mean_mid) * dt;
+  }
+  if (!(sxx > 0)) return false;
+
+  if (bracket_fit) {
+    // Every gate judges this line as it would the midpoint one.
+    const BracketLine line = fit_bracket_line(anchors);
+    if (!line.valid) return false;
+    r.slope_ns_per_tick = line.slope_ns_per_tick;
+    r.intercept_ns = line.intercept_ns;
+  } else {
+    r.slope_ns_per_tick = sxy / sxx;
+    r.intercept_ns = mean_mid - r.slope_ns_per_tick * mean_tick;
+  }
+  return true;
+}
+
+// The largest half window and midpoint residual into r, and how far the
+// anchors disagree with the line; false when a prediction leaves the u64 range.
+//
+// The residual limit judges whether the anchors agree on a line: by the
+// distance from the midpoints. The bracket line may sit anywhere inside an
+// accepted bracket by design, so it judges the older anchors by how far it
+// passes outside theirs; otherwise a window filled while snapshots were
+// stretched would refuse every quick one after. The newest anchor is still
+// judged by its midpoint, so a stretched one is refused on arrival. The
+// stated uncertainty is built from the midpoint residual either way.
+bool measure_residuals(std::span<const TmstAnchor> anchors, bool bracket_fit, TmstFit& r,
+                       std::uint64_t& disagreement_ns) {
+  disagreement_ns = 0;
+  for (std::size_t i = 0; i < anchors.size(); ++i) {
+    const std::uint64_t half_window = anchors[i].half_window_ns();
+    r.max_half_window_ns = std::max(r.max_half_window_ns, half_window);
+    const binary128 p = to_q(anchors[i].tick) * r.slope_ns_per_tick + r.intercept_ns;
+    if (p < 0 || p > u64_max_q) return false;
+    const std::uint64_t residual = to_u64(abs_q(round_half_away_q(p) - to_q(anchors[i].midpoint_ns())));
+    r.max_residual_ns = std::max(r.max_residual_ns, residual);
+    const bool judged_by_bracket = bracket_fit && i + 1 < anchors.size();
+    const std::uint64_t outside = !judged_by_bracket ? residual : residual > half_window ? residual - half_window : 0;
+    disagreement_ns = std::max(disagreement_ns, outside);
+  }
+  return true;
+}
+
+}  // namespace
+
 bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   fit_ = TmstFit{};
   TmstFit r{};
@@ -179,55 +246,11 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   r.span_ticks = r.last_tick - r.first_tick;
   if (r.span_ticks < tmst_min_span_ticks) return reject(FitRejectReason::insufficient_span, false);
 
-  binary128 sum_tick = 0;
-  binary128 sum_mid = 0;
-  for (std::uint32_t i = 0; i < n; ++i) {
-    sum_tick += to_q(anchors_[i].tick);
-    sum_mid += to_q(anchors_[i].midpoint_ns());
-  }
-  const binary128 count = to_q(static_cast<std::uint64_t>(n));
-  const binary128 mean_tick = sum_tick / count;
-  const binary128 mean_mid = sum_mid / count;
-  r.mean_tick = mean_tick;
-
-  binary128 sxx = 0;
-  binary128 sxy = 0;
-  for (std::uint32_t i = 0; i < n; ++i) {
-    const binary128 dt = to_q(anchors_[i].tick) - mean_tick;
-    sxx += dt * dt;
-    sxy += (to_q(anchors_[i].midpoint_ns()) - mean_mid) * dt;
-  }
-  if (!(sxx > 0)) return reject(FitRejectReason::degenerate_fit, false);
-
-  if (bracket_fit_) {
-    // Every gate below judges this line as it would the midpoint one.
-    const BracketLine line = fit_bracket_line(std::span(anchors_).first(n));
-    if (!line.valid) return reject(FitRejectReason::degenerate_fit, false);
-    r.slope_ns_per_tick = line.slope_ns_per_tick;
-    r.intercept_ns = line.intercept_ns;
-  } else {
-    r.slope_ns_per_tick = sxy / sxx;
-    r.intercept_ns = mean_mid - r.slope_ns_per_tick * mean_tick;
-  }
-
-  // The residual limit judges whether the anchors agree on a line: by the
-  // distance from the midpoints. The bracket line may sit anywhere inside an
-  // accepted bracket by design, so it judges the older anchors by how far it
-  // passes outside theirs; otherwise a window filled while snapshots were
-  // stretched would refuse every quick one after. The newest anchor is still
-  // judged by its midpoint, so a stretched one is refused on arrival. The
-  // stated uncertainty is built from the midpoint residual either way.
+  const std::span<const TmstAnchor> window = anchors();
+  if (!fit_line(window, bracket_fit_, r)) return reject(FitRejectReason::degenerate_fit, false);
   std::uint64_t disagreement_ns = 0;
-  for (std::uint32_t i = 0; i < n; ++i) {
-    const std::uint64_t half_window = anchors_[i].half_window_ns();
-    r.max_half_window_ns = std::max(r.max_half_window_ns, half_window);
-    const binary128 p = to_q(anchors_[i].tick) * r.slope_ns_per_tick + r.intercept_ns;
-    if (p < 0 || p > u64_max_q) return reject(FitRejectReason::prediction_overflow, false);
-    const std::uint64_t residual = to_u64(abs_q(round_half_away_q(p) - to_q(anchors_[i].midpoint_ns())));
-    r.max_residual_ns = std::max(r.max_residual_ns, residual);
-    const bool judged_by_bracket = bracket_fit_ && i + 1 < n;
-    const std::uint64_t outside = !judged_by_bracket ? residual : residual > half_window ? residual - half_window : 0;
-    disagreement_ns = std::max(disagreement_ns, outside);
+  if (!measure_residuals(window, bracket_fit_, r, disagreement_ns)) {
+    return reject(FitRejectReason::prediction_overflow, false);
   }
 
   r.slope_uncertainty_ns_per_tick =
