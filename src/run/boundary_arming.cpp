@@ -22,8 +22,8 @@ void Run::anchor_boundary(const char* failure_prefix) {
   core_.armed(anchor_tick);
 }
 
+// At start: the pairing core is as new, so there is nothing of it to forget.
 void Run::arm_boundary() {
-  core_.begin_arm();
   quiesce(Quiesce::strict);
 
   sensor_.data_ready(true);
