@@ -92,7 +92,7 @@ typedef struct pelmor_sample {
                                         whole microseconds, rounded up (<= 200) */
     uint32_t boundary_resyncs;       /* interrupt sequence-gap resyncs so far (and
                                         pairing slips, with PELMOR_FLAG_PAIRING_CHECK) */
-    uint32_t batch_failures;         /* failed FIFO batches so far */
+    uint32_t batch_failures;         /* FIFO batch reads that failed so far */
     uint32_t total_drops;            /* samples dropped so far */
 } pelmor_sample;
 
@@ -103,7 +103,8 @@ typedef struct pelmor_runtime_health {
     uint64_t samples_delivered;          /* samples handed to the callback path */
     uint32_t boundary_resyncs;           /* interrupt sequence-gap resyncs (and pairing
                                             slips, with PELMOR_FLAG_PAIRING_CHECK) */
-    uint32_t batch_failures;             /* failed FIFO batches or resyncs */
+    uint32_t batch_failures;             /* FIFO batch reads that failed, in the
+                                            loop or for a resync's report */
     uint32_t total_drops;                /* all dropped samples */
     uint32_t uncertainty_over_200_drops; /* drops for uncertainty above 200 us */
     uint32_t max_consecutive_drops;      /* longest run of consecutive drops */
@@ -179,7 +180,10 @@ const char* pelmor_status_message(int32_t status);
  * pointers or a wrong struct_size (nothing written); PELMOR_ERR_INVALID_STATE
  * while running (so always from the callback), before the first stop that
  * ended a run, after a failed start, or while a dead worker's run has not been
- * closed by pelmor_stop (out untouched). Since version node PELMOR_LUSK_2.1. */
+ * closed by pelmor_stop (out untouched). Unlike every other function it has
+ * no catch-all: a C++ caller sees a failure to lock the driver's mutex as
+ * std::system_error (in C, the process ends). Since version node
+ * PELMOR_LUSK_2.1. */
 int32_t pelmor_get_runtime_health(pelmor_handle handle, pelmor_runtime_health* out);
 
 /* ---- Layout checks ----------------------------------------------------- */

@@ -1,6 +1,6 @@
 // The nine exported functions. Argument checks answer directly; everything after
 // them runs inside a catch-all so that no exception crosses the C boundary
-// (except the documented lock failure of pelmor_get_runtime_health).
+// (except a lock failure in pelmor_get_runtime_health, as pelmor.h says).
 #include <exception>
 #include <memory>
 #include <new>

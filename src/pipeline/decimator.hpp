@@ -27,7 +27,6 @@ class Decimator {
     return true;
   }
 
-  std::uint32_t accumulator() const noexcept { return accumulator_; }
 
  private:
   std::uint32_t increment_;

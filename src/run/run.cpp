@@ -8,7 +8,7 @@ Run::Run(const RateProfile& profile, std::uint32_t sample_rate_hz, std::uint32_t
       strict_timing_(options.strict_timing),
       running_(running),
       sink_(sink),
-      sensor_(profile, mode_word, options.strict_timing ? 1U : 0U),
+      sensor_(profile, mode_word),
       timebase_(anchors_, options.bracket_fit),
       core_(profile, sample_rate_hz, options, timebase_) {}
 

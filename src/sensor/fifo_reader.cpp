@@ -1,10 +1,8 @@
 #include "sensor/fifo_reader.hpp"
 
-#include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/clock.hpp"
@@ -61,12 +59,6 @@ const FifoBatch& read_fifo_batch(int fd, FifoReadBuffers& buffers) {
 
   parse_fifo_packets(rx.subspan(1), batch);
   return batch;
-}
-
-FifoBatch read_fifo_batch(const UniqueFd& spi) {
-  const auto buffers = std::make_unique<FifoReadBuffers>();
-  read_fifo_batch(spi.get(), *buffers);
-  return std::move(buffers->batch);
 }
 
 }  // namespace pelmor_lusk

@@ -27,7 +27,4 @@ struct FifoReadBuffers {
 // read.
 const FifoBatch& read_fifo_batch(int fd, FifoReadBuffers& buffers);
 
-// The same read into a batch of its own.
-FifoBatch read_fifo_batch(const UniqueFd& spi);
-
 }  // namespace pelmor_lusk

@@ -22,16 +22,6 @@ void read_registers_into(int fd, std::uint8_t reg, std::span<std::uint8_t> tx, s
   if (submit_spi_message(fd, transfer) < 0) throw_errno_error("failed to read SPI registers");
 }
 
-std::vector<std::uint8_t> read_registers(const UniqueFd& spi, std::uint8_t reg, std::uint16_t n) {
-  const std::size_t frame = std::size_t{n} + 1;
-  std::vector<std::uint8_t> tx(frame, 0);
-  std::vector<std::uint8_t> rx(frame, 0);
-  read_registers_into(spi.get(), reg, tx, rx);
-  // The answer is everything after the address byte.
-  rx.erase(rx.begin());
-  return rx;
-}
-
 std::uint8_t read_register(const UniqueFd& spi, std::uint8_t reg) {
   std::array<std::uint8_t, 2> tx{};
   std::array<std::uint8_t, 2> rx{};

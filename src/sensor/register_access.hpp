@@ -5,19 +5,15 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "common/unique_fd.hpp"
 #include "sensor/registers.hpp"
 
 namespace pelmor_lusk {
 
-// n consecutive registers (or n bytes of a data port) starting at reg; n = 0
-// still clocks the address byte and returns an empty vector.
-std::vector<std::uint8_t> read_registers(const UniqueFd& spi, std::uint8_t reg, std::uint16_t n);
-
-// The same read into frames the caller owns (equal sizes, address byte
-// included): the answer is rx[1..], cleared first. Allocates nothing.
+// Consecutive registers (or bytes of a data port) starting at reg, into frames
+// the caller owns (equal sizes, address byte included): the answer is rx[1..],
+// cleared first. Allocates nothing.
 void read_registers_into(int fd, std::uint8_t reg, std::span<std::uint8_t> tx, std::span<std::uint8_t> rx);
 
 // One register.

@@ -15,13 +15,8 @@ namespace {
 constexpr std::int32_t reset_settle_ms = 2;
 }  // namespace
 
-SensorRecord::SensorRecord(const UniqueFd& spi_device, std::uint32_t rate_hz, std::uint32_t mode_word,
-                           std::uint32_t strict_timing_word)
-    : spi(&spi_device),
-      sample_rate_hz(rate_hz),
-      mode(mode_word),
-      strict_timing(strict_timing_word),
-      profile(&rate_profile_for(rate_hz)) {}
+SensorRecord::SensorRecord(const UniqueFd& spi_device, std::uint32_t rate_hz, std::uint32_t mode_word)
+    : spi(&spi_device), mode(mode_word), profile(&rate_profile_for(rate_hz)) {}
 
 std::uint16_t clamp_fifo_watermark(std::uint32_t word) {
   return static_cast<std::uint16_t>(std::min(word, icm42688::FIFO_WATERMARK_MAX));

@@ -14,13 +14,10 @@ namespace pelmor_lusk {
 // the driver; the record only refers to it and must not outlive it.
 struct SensorRecord {
   // Throws std::invalid_argument "unsupported sample_rate_hz; expected 25 or 30".
-  SensorRecord(const UniqueFd& spi_device, std::uint32_t rate_hz, std::uint32_t mode_word,
-               std::uint32_t strict_timing_word);
+  SensorRecord(const UniqueFd& spi_device, std::uint32_t rate_hz, std::uint32_t mode_word);
 
   const UniqueFd* spi;
-  std::uint32_t sample_rate_hz;
-  std::uint32_t mode;           // also the FIFO watermark word
-  std::uint32_t strict_timing;
+  std::uint32_t mode;  // also the FIFO watermark word
   const RateProfile* profile;
 };
 
@@ -35,7 +32,7 @@ void configure_sensor(const SensorRecord& sensor);
 // SIGNAL_PATH_RESET FIFO flush (not verified: the bit clears itself), then 2 ms.
 void flush_fifo(int fd);
 
-// Settle delays are signed millisecond counts; 0 or less sleeps nothing.
+// The profile's settle delay in milliseconds; 0 sleeps nothing.
 void sleep_settle_ms(std::uint32_t profile_ms);
 
 }  // namespace pelmor_lusk

@@ -9,7 +9,7 @@ namespace pelmor_lusk {
 
 void SensorDevice::open_and_configure() {
   spi_ = open_spi_device();
-  configure_sensor(SensorRecord(spi_, profile_.rate_hz, mode_, strict_timing_));
+  configure_sensor(SensorRecord(spi_, profile_.rate_hz, mode_));
 }
 
 void SensorDevice::sample_off() {

@@ -14,8 +14,7 @@ namespace pelmor_lusk {
 
 class SensorDevice {
  public:
-  SensorDevice(const RateProfile& profile, std::uint32_t mode_word, std::uint32_t strict_timing_word) noexcept
-      : profile_(profile), mode_(mode_word), strict_timing_(strict_timing_word) {}
+  SensorDevice(const RateProfile& profile, std::uint32_t mode_word) noexcept : profile_(profile), mode_(mode_word) {}
   SensorDevice(const SensorDevice&) = delete;
   SensorDevice& operator=(const SensorDevice&) = delete;
 
@@ -40,13 +39,9 @@ class SensorDevice {
   // The next FIFO batch, in buffers owned here; valid until the next read.
   const FifoBatch& read_fifo();
 
-  bool is_open() const noexcept { return spi_.valid(); }
-  int fd() const noexcept { return spi_.get(); }
-
  private:
   const RateProfile& profile_;
   std::uint32_t mode_;
-  std::uint32_t strict_timing_;
   UniqueFd spi_;
   FifoReadBuffers fifo_;
 };

@@ -34,9 +34,6 @@ TmstSnapshot read_tmst_snapshot(int fd) {
   restore_bank0(fd);
 
   TmstSnapshot snapshot;
-  snapshot.tmst_low16 = message.low16();
-  snapshot.tmst_high_byte = message.tmstval2();
-  snapshot.valid_flag = 0;
   snapshot.tmst_ticks = message.ticks();
   snapshot.raw_before_ns = raw_before_ns;
   snapshot.raw_after_ns = raw_after_ns;

@@ -7,10 +7,7 @@
 namespace pelmor_lusk {
 
 struct TmstSnapshot {
-  std::uint16_t tmst_low16 = 0;      // TMSTVAL0 | TMSTVAL1 << 8
-  std::uint8_t tmst_high_byte = 0;   // TMSTVAL2 as read (bits 19:16 in its low nibble)
-  std::uint8_t valid_flag = 0;       // always 0 from the reader
-  std::uint32_t tmst_ticks = 0;      // (TMSTVAL2 & 0x0F) << 16 | tmst_low16
+  std::uint32_t tmst_ticks = 0;  // (TMSTVAL2 & 0x0F) << 16 | TMSTVAL1 << 8 | TMSTVAL0
   std::uint64_t raw_before_ns = 0;
   std::uint64_t raw_after_ns = 0;
 };

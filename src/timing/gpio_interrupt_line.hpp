@@ -62,7 +62,6 @@ class GpioInterruptLine {
   const BridgeMetrics& metrics() const noexcept { return metrics_; }
   int chip_fd() const noexcept { return chip_fd_.get(); }
   int line_fd() const noexcept { return line_fd_.get(); }
-  bool have_last_line_seqno() const noexcept { return sequence_.have_last; }
   std::uint32_t last_line_seqno() const noexcept { return sequence_.last; }
 
  private:

@@ -12,10 +12,18 @@ namespace {
 
 using RegisterAccess = SensorBoard;
 
+// n registers from reg, in the frames a caller would own.
+Bytes read_n(const UniqueFd& spi, std::uint8_t reg, std::size_t n) {
+  Bytes tx(n + 1, 0);
+  Bytes rx(n + 1, 0);
+  read_registers_into(spi.get(), reg, tx, rx);
+  return Bytes(rx.begin() + 1, rx.end());
+}
+
 TEST_F(RegisterAccess, EachOperationIsItsCountOfOneTransferMessages) {
   write_register(spi_.get(), 0x60, 0xF8);
-  EXPECT_EQ(read_registers(spi_, 0x60, 2), (Bytes{0xF8, 0x00}));
-  EXPECT_TRUE(read_registers(spi_, 0x60, 0).empty());
+  EXPECT_EQ(read_n(spi_, 0x60, 2), (Bytes{0xF8, 0x00}));
+  EXPECT_TRUE(read_n(spi_, 0x60, 0).empty());
   write_register_verified(spi_, 0x60, 0xF8, "v");
   write_register_masked(spi_, 0x60, 0x03, 0x07, "m");
   EXPECT_EQ(vb::register_value(0, 0x60), 0xFB);
@@ -52,7 +60,7 @@ TEST_F(RegisterAccess, VerificationComparesWholeByteOrOnlyTheMask) {
 
 TEST_F(RegisterAccess, FailedIoctlsCarryTheErrnoText) {
   vb::fail_spi_message(vb::SpiMessageKind::any, EIO, vb::Trigger::from());
-  EXPECT_EQ(thrown_text([&] { read_registers(spi_, 0x75, 1); }), "failed to read SPI registers" + errno_suffix(EIO));
+  EXPECT_EQ(thrown_text([&] { read_n(spi_, 0x75, 1); }), "failed to read SPI registers" + errno_suffix(EIO));
   EXPECT_EQ(thrown_text([&] { write_register(spi_.get(), 0x60, 1); }),
             "failed to write SPI register" + errno_suffix(EIO));
   EXPECT_EQ(thrown_text([&] { write_register_verified(spi_, 0x60, 1, "v"); }),
@@ -109,7 +117,7 @@ TEST_P(ConfigureSensor, WritesTheSequenceInOrder) {
       {verified, 0x61, c.watermark_high, 0}, {plain, 0x4B, 0x02, 0},
   };
 
-  SensorRecord sensor(spi_, c.rate_hz, c.mode, 0);
+  SensorRecord sensor(spi_, c.rate_hz, c.mode);
   configure_sensor(sensor);
   const std::uint64_t returned_ns = read_raw_ns();
 
@@ -165,7 +173,7 @@ INSTANTIATE_TEST_SUITE_P(BothRates, ConfigureSensor,
 
 TEST_F(SensorBoard, WhoAmIMismatchStopsTheSequence) {
   vb::set_who_am_i(0x00);
-  SensorRecord sensor(spi_, 25, 1, 0);
+  SensorRecord sensor(spi_, 25, 1);
   EXPECT_EQ(thrown_text([&] { configure_sensor(sensor); }), "unexpected WHO_AM_I: expected 0x47, got 0x0");
   const auto m = log();
   ASSERT_EQ(m.size(), 3U);

@@ -11,7 +11,7 @@
 namespace pelmor_lusk::testing_support {
 
 inline std::unique_ptr<SensorDevice> power_up_sensor(std::uint32_t sample_rate_hz = 30) {
-  auto sensor = std::make_unique<SensorDevice>(rate_profile_for(sample_rate_hz), 1, 0);
+  auto sensor = std::make_unique<SensorDevice>(rate_profile_for(sample_rate_hz), 1);
   sensor->open_and_configure();
   sensor->low_noise();
   sensor->data_ready(true);
