@@ -4,12 +4,14 @@
 # pairing) and lists the ones no test noticed. Not part of CI: 30 mutants take
 # 15 to 20 minutes here.
 #
-#   scripts/mutate.sh [seed] [count]      defaults: seed 11, 30 mutants
+#   scripts/mutate.sh [seed] [count] [mutate options...]   defaults: seed 11, 30 mutants
 #   MUTATE=/path/to/mutate scripts/mutate.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seed=${1:-11}
 count=${2:-30}
+shift $(($# < 2 ? $# : 2))
 tool=${MUTATE:-../shared/tools/mutate}
 exec "$tool" --files 'src/driver/*.cpp' 'src/run/*.cpp' 'src/sensor/*.cpp' 'src/timing/*.cpp' 'src/pipeline/*.cpp' \
-  --count "$count" --seed "$seed"
+  --count "$count" --seed "$seed" \
+  --test "ctest --preset default --stop-on-failure -j2" "$@"
