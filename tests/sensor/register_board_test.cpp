@@ -12,10 +12,11 @@ namespace {
 
 using RegisterAccess = SensorBoard;
 
-// n registers from reg, in the frames a caller would own.
+// n registers from reg, in frames a caller reuses: whatever they held before,
+// the wire sees the address and n zero bytes.
 Bytes read_n(const UniqueFd& spi, std::uint8_t reg, std::size_t n) {
-  Bytes tx(n + 1, 0);
-  Bytes rx(n + 1, 0);
+  Bytes tx(n + 1, 0xA5);
+  Bytes rx(n + 1, 0xA5);
   read_registers_into(spi.get(), reg, tx, rx);
   return Bytes(rx.begin() + 1, rx.end());
 }
