@@ -52,11 +52,14 @@ formats)
   done ;;
 signals)
   for signal in INT TERM; do
+    # The background job opens its files only once it runs: the previous
+    # round's status lines must not be there for the wait below to find.
+    rm -f "$work/out" "$work/err"
     "$launcher" --board "$board" -- "${emulator[@]}" "$stream" > "$work/out" 2> "$work/err" &
     pid=$!
     # Synchronise on a status line that has counted samples, not on time.
     for _ in $(seq 600); do
-      grep -qE 'pelmor-stream: .* [1-9][0-9]* samples' "$work/err" && break
+      grep -qsE 'pelmor-stream: .* [1-9][0-9]* samples' "$work/err" && break
       sleep 0.1
     done
     kill -s "$signal" "$pid"
