@@ -365,6 +365,31 @@ TEST(Lifecycle, StopIsPromptEvenWhenTheBoardFallsSilent) {
   EXPECT_LE(vb::counters().polls - before_stop, 1U) << log;
 }
 
+// A board reset unplugs the devices under a running driver. The line then polls
+// as hung up with an error and its read fails, so the worker ends with that
+// error at once instead of polling on.
+TEST(Lifecycle, UnpluggedLineEndsTheWorkerWithTheReadError) {
+  vb::reset(vb::Config::ideal());
+  BoardClient client(25);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(pelmor_test::start_on_board(client.handle), PELMOR_OK);
+  ASSERT_TRUE(client.wait_for_samples(2, 10s));
+  vb::reset(vb::Config::ideal());
+  EXPECT_TRUE(client.wait_until_stopped(10s));
+  const std::uint64_t polls = vb::counters().polls;
+  pelmor_stop(client.handle);
+  const std::string log = testing::internal::GetCapturedStderr();
+  // Mostly the worker waits on the line; rarely the reset finds it in an SPI
+  // message, which fails as well.
+  const auto fatal = lines_starting_with(log, "imu worker fatal: ");
+  ASSERT_EQ(fatal.size(), 1U) << log;
+  const bool on_the_line = fatal[0].find("GPIO395") != std::string::npos;
+  if (on_the_line) {
+    EXPECT_EQ(fatal[0], "imu worker fatal: read GPIO395 line event, errno=19 (No such device)");
+  }
+  EXPECT_LE(polls, 2U) << "counted since the reset";
+}
+
 TEST(Lifecycle, StartAfterTheWorkerDiedClosesItsEpochFirst) {
   vb::reset(vb::Config::ideal());
   BoardClient client(25);

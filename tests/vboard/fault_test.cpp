@@ -143,6 +143,19 @@ TEST(VboardFaults, EdgeFaultsShowInTheSequenceNumbers) {
   EXPECT_EQ(pv::fault_hits(drop), 1u);
   EXPECT_EQ(pv::sample(2)->edge, pv::EdgeOutcome::dropped);
   EXPECT_EQ(pv::sample(2)->line_seqno, 3u);
+  EXPECT_TRUE(pv::sample(2)->event_discarded);
+
+  // A gap is an overflow, which loses the oldest unread event: behind a reader
+  // that has not read yet, that is the first edge, and the faulted one survives.
+  pv::reset();
+  Line behind("gpiochip0");
+  Spi spi_behind;
+  pv::drop_edges(pv::Trigger::once(3));
+  spi_behind.stream(0x07);
+  ASSERT_TRUE(pv::wait_for_edges(5, 5s));
+  EXPECT_EQ(seqnos(behind, 4), (std::vector<std::uint32_t>{2, 3, 4, 5}));
+  EXPECT_TRUE(pv::sample(0)->event_discarded);
+  EXPECT_FALSE(pv::sample(2)->event_discarded);
 
   pv::reset();
   Line line2("gpiochip0");

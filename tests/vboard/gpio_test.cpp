@@ -138,7 +138,10 @@ TEST(VboardGpio, RealisticEdgesAreStampedLateAndResetUnplugsDescriptors) {
   pv::reset();
   pollfd p{line.fd(), POLLIN, 0};
   ASSERT_EQ(::poll(&p, 1, 1000), 1);
-  EXPECT_TRUE(p.revents & POLLHUP);
+  EXPECT_EQ(p.revents, POLLHUP | POLLERR) << "the chip is gone";
+  gpio_v2_line_event ev{};
+  EXPECT_EQ(::read(line.fd(), &ev, sizeof ev), -1);
+  EXPECT_EQ(errno, ENODEV);
   std::uint8_t mode = 0;
   EXPECT_EQ(ioctl(spi.fd(), SPI_IOC_RD_MODE, &mode), -1);
   EXPECT_EQ(errno, ESHUTDOWN);

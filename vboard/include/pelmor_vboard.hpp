@@ -108,8 +108,8 @@ struct Config {
 // Power-on with `config`: registers at their reset values, FIFO empty, logs,
 // counters, ground truth and faults cleared, TMST restarted. Descriptors opened
 // before the reset are orphaned as if the device had been unplugged: their
-// ioctls fail (ESHUTDOWN on spidev, ENODEV on GPIO), a line reads POLLHUP;
-// close() still works.
+// ioctls fail (ESHUTDOWN on spidev, ENODEV on GPIO), every descriptor polls as
+// POLLHUP | POLLERR and a line's read fails with ENODEV; close() still works.
 void reset(const Config& config = Config{});
 // reset(Config::from_environment()) and the faults of PELMOR_VBOARD_FAULTS.
 void reset_from_environment();
@@ -212,7 +212,7 @@ enum class EdgeOutcome : std::uint8_t {
   none = 0,     // no edge: data-ready not routed to INT1, or INT1 still latched
   raised,       // an event was queued on the requesting line
   suppressed,   // fault: no edge, no sequence advance
-  dropped,      // fault: the kernel sequence advanced but no event was queued
+  dropped,      // fault: the buffer overflowed at this edge (see drop_edges)
   unobserved,   // the pin moved but no line request listens to it
 };
 
@@ -318,8 +318,11 @@ FaultId stretch_spi_message(SpiMessageKind kind, std::uint64_t extra_ns, Trigger
 FaultId corrupt_register_read(int bank, std::uint8_t reg, std::uint8_t mask, std::uint8_t value,
                               Trigger when = Trigger::from());
 // INT1 edges (counted among the sample edges from now on):
-FaultId drop_edges(Trigger when);        // sequence advances, no event (a gap)
-FaultId suppress_edges(Trigger when);    // no event, no sequence advance
+// The line's event buffer overflows at each triggered edge, as behind a reader
+// too slow for it: the edge is queued unseen, and the next edge loses as many of
+// the oldest unread events (a sequence gap), the faulted one unless older wait.
+FaultId drop_edges(Trigger when);
+FaultId suppress_edges(Trigger when);    // no interrupt: no event, no sequence advance
 // An extra rising edge `offset_ns` after each triggered edge (0: half a period).
 FaultId spurious_edges(Trigger when, std::uint64_t offset_ns = 0);
 // Samples (counted from now on) whose six axes read -32768.

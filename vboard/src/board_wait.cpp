@@ -97,10 +97,11 @@ int Board::poll(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout,
         copy[i].revents = 0;
         synthetic[i] = -1;
         const std::uint8_t kind = fd_kind(fds[i].fd);
-        if (kind == kind_spi || kind == kind_chip) {
-          // spidev is always ready; a chip has nothing to read; both hang up when orphaned.
-          auto it = nodes_.find(fds[i].fd);
-          const bool stale = it == nodes_.end() || it->second.generation != generation;
+        auto it = nodes_.find(fds[i].fd);
+        const bool stale = it == nodes_.end() || it->second.generation != generation;
+        if (kind == kind_spi || kind == kind_chip || (kind == kind_line && stale)) {
+          // spidev is always ready; a chip has nothing to read; each hangs up
+          // with an error once orphaned, as a line does once its chip is gone.
           short rev = 0;
           if (kind == kind_spi) {
             rev = static_cast<short>(fds[i].events & (POLLIN | POLLOUT | POLLRDNORM | POLLWRNORM));
@@ -111,10 +112,7 @@ int Board::poll(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout,
           if (rev != 0) ++ready;
         } else if (kind == kind_line) {
           // The real pipe answers; wake in time to make the next event visible.
-          auto it = nodes_.find(fds[i].fd);
-          if (it != nodes_.end() && it->second.generation == generation) {
-            next = std::min(next, gpio_.pending_due(fds[i].fd));
-          }
+          next = std::min(next, gpio_.pending_due(fds[i].fd));
         }
       }
     }

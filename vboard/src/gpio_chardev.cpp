@@ -299,18 +299,7 @@ void GpioChardev::make_visible(LineRequest& line, std::uint64_t now) {
       (edge != nullptr && edge->sample_index != UINT64_MAX) ? truth.find(edge->sample_index) : nullptr;
   if (edge != nullptr) edge->line_seqno = line_seqno;
   if (sample != nullptr) sample->line_seqno = line_seqno;
-  if (pe.drop) return;
 
-  if (line.queue.size() >= line.capacity) {  // the kernel keeps the newest
-    const std::uint64_t lost_edge = line.queue.front().edge_number;
-    line.queue.pop_front();
-    ++records_.counters.events_discarded;
-    if (EdgeTruth* old = records_.edge_truth.find(lost_edge)) {
-      if (SampleTruth* s = old->sample_index != UINT64_MAX ? truth.find(old->sample_index) : nullptr) {
-        s->event_discarded = true;
-      }
-    }
-  }
   gpio_v2_line_event ev{};
   ev.timestamp_ns = pe.stamp_raw;
   if (line.flags & GPIO_V2_LINE_FLAG_EVENT_CLOCK_REALTIME) {
@@ -320,6 +309,28 @@ void GpioChardev::make_visible(LineRequest& line, std::uint64_t now) {
   ev.offset = pe.offset;
   ev.seqno = seqno;
   ev.line_seqno = line_seqno;
+  if (pe.drop) {
+    // The kernel loses events only to a full buffer, and then the oldest ones:
+    // a dropped edge is one the reader has not seen when the next edge
+    // overflows the buffer, which loses as many of the oldest unread events.
+    line.overflowing.push_back(QueuedEvent{ev, pe.edge_number});
+    return;
+  }
+  for (std::size_t lost = line.overflowing.size(); lost > 0; --lost) {
+    if (!line.queue.empty()) {
+      discard(line.queue.front());
+      line.queue.pop_front();
+    } else {
+      discard(line.overflowing.front());
+      line.overflowing.pop_front();
+    }
+  }
+  for (const QueuedEvent& survivor : line.overflowing) line.queue.push_back(survivor);
+  line.overflowing.clear();
+  if (line.queue.size() >= line.capacity) {  // the kernel keeps the newest
+    discard(line.queue.front());
+    line.queue.pop_front();
+  }
   line.queue.push_back(QueuedEvent{ev, pe.edge_number});
   ++records_.counters.events_queued;
   if (edge != nullptr) edge->queued_raw_ns = now;
@@ -327,6 +338,15 @@ void GpioChardev::make_visible(LineRequest& line, std::uint64_t now) {
   if (!line.byte_in_pipe && line.write_fd >= 0) {
     const char byte = 1;
     if (real_write(line.write_fd, &byte, 1) == 1) line.byte_in_pipe = true;
+  }
+}
+
+void GpioChardev::discard(const QueuedEvent& lost) {
+  ++records_.counters.events_discarded;
+  if (EdgeTruth* old = records_.edge_truth.find(lost.edge_number)) {
+    if (SampleTruth* s = old->sample_index != UINT64_MAX ? records_.truth.find(old->sample_index) : nullptr) {
+      s->event_discarded = true;
+    }
   }
 }
 

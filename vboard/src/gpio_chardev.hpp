@@ -48,6 +48,9 @@ struct LineRequest {
   std::uint32_t capacity = 16;
   std::uint32_t seqno = 0;
   std::deque<QueuedEvent> queue;
+  // Events of faulted edges: queued but not yet readable, as behind a reader
+  // that fell behind; the next edge overflows the buffer past them.
+  std::deque<QueuedEvent> overflowing;
   std::deque<PendingEvent> pending;
   bool byte_in_pipe = false;
   std::size_t record = 0;
@@ -92,6 +95,7 @@ class GpioChardev {
 
  private:
   LineRequest* listener(std::size_t chip, std::uint32_t offset);
+  void discard(const QueuedEvent& lost);
   void schedule_event(LineRequest& line, std::uint32_t offset, std::uint32_t id, std::uint64_t raw,
                       std::uint64_t edge_number, bool drop, SampleTruth* sample);
 
