@@ -108,6 +108,37 @@ TEST(VboardSensor, SetupIoctlsFollowSpidevAndLeaveErrnoAlone) {
   close(p[1]);
 }
 
+// spidev's bounce buffers: transmit and receive are counted apart, each
+// transfer rounded up to the DMA alignment (128 on arm64), each total at most
+// 4096 bytes.
+TEST(VboardSensor, MessagesFitSpidevsBounceBuffers) {
+  pv::reset();
+  Spi spi;
+  std::vector<std::uint8_t> tx(4096, 0);
+  std::vector<std::uint8_t> rx(4096, 0);
+  const auto message = [&](std::initializer_list<std::pair<std::uint32_t, bool>> transfers) {
+    std::vector<spi_ioc_transfer> x;
+    std::size_t at = 0;
+    for (const auto& [len, receive] : transfers) {
+      x.push_back(pelmor_lusk::make_spi_transfer(tx.data() + at, receive ? rx.data() + at : nullptr, len, 1000000));
+      at += len;
+    }
+    errno = 0;
+    const int r = ioctl(spi.fd(), SPI_IOC_MESSAGE(x.size()), x.data());
+    return r < 0 ? -errno : r;
+  };
+  // 32 transfers of 1 byte each fill 32 * 128 = 4096 bytes of each buffer.
+  EXPECT_EQ(message({{1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true},
+                     {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true},
+                     {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true},
+                     {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}, {1, true}}),
+            32);
+  EXPECT_EQ(message({{3969, true}, {1, true}}), -EMSGSIZE) << "3969 takes 4096";
+  EXPECT_EQ(message({{3968, true}, {128, true}}), 4096);
+  EXPECT_EQ(message({{4096, false}, {1, false}}), -EMSGSIZE) << "transmit alone overflows too";
+  EXPECT_EQ(message({{2081, true}}), 2081) << "the library's largest FIFO read fits";
+}
+
 TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   pv::Config cfg;
   cfg.tmst_drift_ppm = 2000.0;

@@ -84,8 +84,12 @@ int SpiWire::check(const spi_ioc_transfer* xfers, unsigned n, std::uint64_t& tot
     const spi_ioc_transfer& x = xfers[i];
     total += x.len;
     if (total > INT_MAX) error = EMSGSIZE;
-    if (x.rx_buf != 0 && (rx_total += x.len) > spidev_bufsiz) error = EMSGSIZE;
-    if (x.tx_buf != 0 && (tx_total += x.len) > spidev_bufsiz) error = EMSGSIZE;
+    // Receive and transmit have a bounce buffer each; every transfer starts
+    // DMA-aligned in them.
+    const std::size_t aligned = (std::size_t{x.len} + spidev_dma_alignment - 1) / spidev_dma_alignment *
+                                spidev_dma_alignment;
+    if (x.rx_buf != 0 && (rx_total += aligned) > spidev_bufsiz) error = EMSGSIZE;
+    if (x.tx_buf != 0 && (tx_total += aligned) > spidev_bufsiz) error = EMSGSIZE;
     if (x.bits_per_word != 0 && x.bits_per_word != 8) error = EINVAL;
     if (x.tx_nbits > 1 || x.rx_nbits > 1) error = EINVAL;
   }

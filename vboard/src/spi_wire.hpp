@@ -18,6 +18,9 @@
 namespace pelmor_vboard::detail {
 
 inline constexpr std::size_t spidev_bufsiz = 4096;  // spidev's bounce buffer
+// Each transfer takes its length rounded up to this in the bounce buffers
+// (ARCH_DMA_MINALIGN on arm64, the target).
+inline constexpr std::size_t spidev_dma_alignment = 128;
 
 // Frame state of the SPI wire: CS may stay asserted across transfers and even
 // across messages (cs_change on the last transfer).
