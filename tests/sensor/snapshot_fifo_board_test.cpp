@@ -83,6 +83,9 @@ TEST_F(TmstSnapshotBoard, FailedRestoreFailsAGoodSnapshot) {
   EXPECT_THROW(read_tmst_snapshot(-1), std::invalid_argument);
   EXPECT_EQ(thrown_text([] { read_tmst_snapshot(-1); }), "TMST SPI snapshot requires a valid fd");
   EXPECT_EQ(thrown_text([] { restore_bank0(-1); }), "TMST SPI bank restore requires a valid fd");
+  // Descriptor 0 is a descriptor like any other: the message is tried (and fails,
+  // standard input being no spidev).
+  EXPECT_THROW(read_tmst_snapshot(0), std::runtime_error);
 }
 
 class FifoBoard : public SensorBoard {
