@@ -21,7 +21,7 @@
 //                          [--ideal-seconds=10] [--settle=5] [--rates=25,30] [--starts=5]
 //                          [--seed=1] [--out=DIR] [--report=PATH | --no-report] [--plot]
 //                          [--interp-batch=4] [--interp-window=8] [--hull-anchors=16]
-//                          [--flags=0,0x2]
+//                          [--flags=0,0x2] [--learning-slip-duration=3] [--learning-slip-samples=16]
 //
 // Prints Markdown tables on standard output; the library's own diagnostics go to
 // standard error.
@@ -72,6 +72,9 @@ struct Options {
   double duration_s = 60;
   double fault_duration_s = 20;
   double fault_after_s = 3;
+  // Each run of the sweep over the first sensor samples of a run (0: no sweep).
+  double learning_slip_s = 3;
+  std::size_t learning_slip_samples = 16;
   double ideal_seconds = 10;
   double settle_s = 5;
   std::vector<unsigned> rates{25, 30};
@@ -111,7 +114,7 @@ std::string flags_label(std::uint32_t flags) {
                "         [--ideal-seconds=S] [--settle=S] [--rates=25,30] [--starts=N]\n"
                "         [--seed=N] [--out=DIR] [--report=PATH | --no-report] [--plot]\n"
                "         [--interp-batch=N] [--interp-window=N] [--hull-anchors=N]\n"
-               "         [--flags=F,F...]\n",
+               "         [--flags=F,F...] [--learning-slip-duration=S] [--learning-slip-samples=N]\n",
                bad);
   std::exit(2);
 }
@@ -136,6 +139,10 @@ Options parse_options(int argc, char** argv) {
       o.fault_duration_s = number();
     } else if (key == "--fault-after") {
       o.fault_after_s = number();
+    } else if (key == "--learning-slip-duration") {
+      o.learning_slip_s = number();
+    } else if (key == "--learning-slip-samples") {
+      o.learning_slip_samples = count();
     } else if (key == "--settle") {
       o.settle_s = number();
     } else if (key == "--ideal-seconds") {
@@ -292,6 +299,7 @@ struct Run {
   std::vector<CallSpan> snapshot_spans;  // the same messages seen from outside the board
   pelmor_runtime_health health{};  // zeros when it could not be read
   std::uint64_t fault_hits = 0;
+  std::uint64_t fault_edge = 0;  // the run's n-th INT1 edge (1: the boundary); 0: fault_after_s into the run
 };
 
 unsigned sensor_rate(unsigned rate) { return rate == 25 ? 25 : 200; }
@@ -321,13 +329,21 @@ std::int32_t start_timed(pelmor_handle h, std::uint64_t& elapsed_ns) {
   return status;
 }
 
+vb::FaultId install_fault(Fault fault, vb::Trigger when) {
+  return fault == Fault::suppressed_edge ? vb::suppress_edges(when) : vb::spurious_edges(when);
+}
+
 Run run_driver(const Options& o, unsigned rate, std::uint32_t flags, Fault fault, double seconds,
-               vb::Profile profile = vb::Profile::realistic) {
+               vb::Profile profile = vb::Profile::realistic, std::uint64_t fault_edge = 0) {
   Run run;
   run.rate = rate;
   run.flags = flags;
   run.fault = fault;
+  run.fault_edge = fault_edge;
   vb::reset(board_config(o, rate, seconds, profile));
+  // INT1 is quiet until the boundary is armed, so edges count from the run's start.
+  std::optional<vb::FaultId> early;
+  if (fault != Fault::none && fault_edge != 0) early = install_fault(fault, vb::Trigger::once(fault_edge));
 
   pelmor_config config{};
   config.struct_size = sizeof config;
@@ -342,13 +358,13 @@ Run run_driver(const Options& o, unsigned rate, std::uint32_t flags, Fault fault
   take_snapshot_spans();
   run.start_status = start_timed(handle, run.start_ns);
   if (run.start_status == PELMOR_OK) {
-    if (fault == Fault::none) {
+    if (fault == Fault::none || early) {
       sleep_seconds(seconds);
+      if (early) run.fault_hits = vb::fault_hits(*early);
     } else {
       const double before = std::min(o.fault_after_s, seconds);
       sleep_seconds(before);
-      const vb::FaultId id = fault == Fault::suppressed_edge ? vb::suppress_edges(vb::Trigger::once())
-                                                             : vb::spurious_edges(vb::Trigger::once());
+      const vb::FaultId id = install_fault(fault, vb::Trigger::once());
       sleep_seconds(seconds - before);
       run.fault_hits = vb::fault_hits(id);
     }
@@ -866,6 +882,62 @@ void print_mispairing(const Options& o, const std::vector<FaultResult>& faults) 
   }
 }
 
+// The pairing check against an edge lost or added at each of the first sensor
+// samples of a run, inside the window where it learns its offset.
+struct LearningSlipRow {
+  unsigned rate = 0;
+  Fault fault = Fault::none;
+  std::size_t runs = 0;
+  std::size_t not_hit = 0;
+  std::size_t failed_starts = 0;
+  std::size_t worst_mispaired = 0;
+  std::uint64_t worst_at_sample = 0;
+  std::size_t total_mispaired = 0;
+  std::uint32_t max_resyncs = 0;
+};
+
+LearningSlipRow sweep_learning_slips(const Options& o, unsigned rate, Fault fault, std::uint32_t flags) {
+  LearningSlipRow row;
+  row.rate = rate;
+  row.fault = fault;
+  for (std::uint64_t k = 1; k <= o.learning_slip_samples; ++k) {
+    // Sample k of the run is announced by edge k + 1, the boundary's being the first.
+    const Run run = run_driver(o, rate, flags, fault, o.learning_slip_s, vb::Profile::realistic, k + 1);
+    row.runs += 1;
+    if (run.start_status != PELMOR_OK) {
+      row.failed_starts += 1;
+      continue;
+    }
+    if (run.fault_hits != 1) row.not_hit += 1;
+    const Analysis a = analyse(run, o);
+    row.total_mispaired += a.mispaired;
+    if (a.mispaired > row.worst_mispaired || row.worst_at_sample == 0) {
+      row.worst_mispaired = a.mispaired;
+      row.worst_at_sample = k;
+    }
+    row.max_resyncs = std::max(row.max_resyncs, run.health.boundary_resyncs);
+  }
+  return row;
+}
+
+void print_learning_slips(const Options& o, const std::vector<LearningSlipRow>& rows, std::uint32_t flags) {
+  std::printf("\n### The pairing check against a slip inside its learning window\n\n");
+  std::printf("One run of %s s per position, %s: an edge lost (suppressed, no sequence gap) or added at sensor "
+              "sample k of the run, k = 1..%zu. Target: at most 3 delivered samples carrying another sample's "
+              "event stamp (truth) in any run.\n\n",
+              fixed(o.learning_slip_s, 0).c_str(), flags_label(flags).c_str(), o.learning_slip_samples);
+  std::printf("| rate | fault | runs | worst run: samples carrying another's stamp (at k) | all runs | most resyncs "
+              "in a run | target |\n|---|---|---|---|---|---|---|\n");
+  for (const LearningSlipRow& r : rows) {
+    std::string notes;
+    if (r.not_hit != 0) notes += ", fault missed in " + std::to_string(r.not_hit);
+    if (r.failed_starts != 0) notes += ", start failed in " + std::to_string(r.failed_starts);
+    std::printf("| %u Hz | %s | %zu%s | %zu (%llu) | %zu | %u | %s |\n", r.rate, fault_name(r.fault), r.runs,
+                notes.c_str(), r.worst_mispaired, static_cast<unsigned long long>(r.worst_at_sample),
+                r.total_mispaired, r.max_resyncs, verdict(r.worst_mispaired <= 3 && r.failed_starts == 0));
+  }
+}
+
 void print_cost(const std::vector<RateResult>& results) {
   std::printf("\n### Cost\n\n");
   std::printf("| rate | worker CPU per delivered sample (us) | of it, emulated SPI bus time (us) | same, ideal profile "
@@ -923,6 +995,9 @@ int main(int argc, char** argv) {
 
   std::vector<RateResult> results;
   std::vector<FaultResult> faults;
+  std::vector<LearningSlipRow> learning_slips;
+  const std::uint32_t checked_flags =
+      (o.flag_sets.empty() ? 0U : o.flag_sets.front()) | static_cast<std::uint32_t>(PELMOR_FLAG_PAIRING_CHECK);
   for (const unsigned rate : o.rates) {
     RateResult r;
     std::fprintf(stderr, "== %u Hz: %s s on the realistic profile\n", rate, fixed(o.duration_s, 0).c_str());
@@ -957,6 +1032,13 @@ int main(int argc, char** argv) {
       faults.push_back(std::move(fr));
     }
 
+    for (const Fault f : {Fault::suppressed_edge, Fault::spurious_edge}) {
+      if (o.learning_slip_s <= 0 || o.learning_slip_samples == 0) break;
+      std::fprintf(stderr, "== %u Hz: %s at each of the first %zu samples, %s\n", rate, fault_name(f),
+                   o.learning_slip_samples, flags_label(checked_flags).c_str());
+      learning_slips.push_back(sweep_learning_slips(o, rate, f, checked_flags));
+    }
+
     if (o.ideal_seconds > 0) {
       std::fprintf(stderr, "== %u Hz: %s s on the ideal profile (cost only)\n", rate, fixed(o.ideal_seconds, 0).c_str());
       const Run ideal = run_driver(o, rate, reference_flags, Fault::none, o.ideal_seconds, vb::Profile::ideal);
@@ -982,6 +1064,7 @@ int main(int argc, char** argv) {
 
   print_quality(o, results);
   if (!faults.empty()) print_mispairing(o, faults);
+  if (!learning_slips.empty()) print_learning_slips(o, learning_slips, checked_flags);
   print_cost(results);
   std::printf("\nSamples, ground truth and pelmor-timing-report output of every run: %s/\n", o.out_dir.c_str());
   return 0;

@@ -47,26 +47,31 @@ void PairingSlipCheck::relearn() noexcept {
   filled_ = 0;
   departures_ = 0;
   after_slip_resync_ = false;
+  learn_from_every_sample_ = true;
 }
 
 std::optional<PairingSlip> PairingSlipCheck::observe(std::uint64_t event_raw_ns,
                                                      std::uint64_t mapped_raw_ns) noexcept {
   const auto offset = static_cast<std::int64_t>(event_raw_ns - mapped_raw_ns);
-  if (!learned_) {
-    learn(offset);
-    return std::nullopt;
-  }
-  if (distance(offset, centre_ns_) <= threshold_ns_) {
+  const bool judged = learned_ || !learn_from_every_sample_;
+  if (!judged || distance(offset, learned_ ? centre_ns_ : 0) <= threshold_ns_) {
     departures_ = 0;
     all_departed_since_arm_ = false;
     after_slip_resync_ = false;
+    // A departing sample is never learned from: it may carry another's stamp.
+    if (!learned_) learn(offset);
     return std::nullopt;
   }
+  return depart(offset);
+}
+
+std::optional<PairingSlip> PairingSlipCheck::depart(std::int64_t offset) noexcept {
   if (++departures_ < pairing_slip_departures) return std::nullopt;
   if (after_slip_resync_ && all_departed_since_arm_) {
     // A fresh arm pairs right by construction; departing straight after the
-    // one we asked for means the learned offset was wrong (a slip while
-    // learning), not the pairing. Learn again rather than resync for ever.
+    // one we asked for means the reference was wrong (a slip while learning,
+    // or a latency that is not small against the period), not the pairing.
+    // Learn again, from every sample, rather than resync for ever.
     relearn();
     learn(offset);
     return std::nullopt;

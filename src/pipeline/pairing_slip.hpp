@@ -4,6 +4,9 @@
 // sample's event stamp and its mapped time is a property of the board (the
 // interrupt's latency), steady over a run: learned over the first accepted
 // samples, a departure of a quarter period or more that persists is a slip.
+// While it is being learned, samples are judged against no offset at all, which
+// a fresh arm pairs within an interrupt latency of, so that a slip inside the
+// learning window is caught too and never learned.
 #pragma once
 
 #include <array>
@@ -43,6 +46,8 @@ class PairingSlipCheck {
  private:
   void learn(std::int64_t offset_ns) noexcept;
   void relearn() noexcept;
+  // The departure that makes a slip, or none; it clears the count.
+  std::optional<PairingSlip> depart(std::int64_t offset_ns) noexcept;
 
   std::uint64_t threshold_ns_;
   std::uint64_t max_spread_ns_;
@@ -55,6 +60,9 @@ class PairingSlipCheck {
   // Since the last arm, when that arm answered a slip: every sample departed.
   bool after_slip_resync_ = false;
   bool all_departed_since_arm_ = true;
+  // Set once our own resync did not bring the samples near zero: this board's
+  // latency is not small against the period, so every sample is learned from.
+  bool learn_from_every_sample_ = false;
 };
 
 // "INT1 pairing slip: event_offset_ns=..., learned_offset_ns=..., learned_spread_ns=...,

@@ -92,18 +92,28 @@ TEST(PairingSlipCheck, LearnsOnlyFromAQuietWindowAndAgainAfterItsOwnResyncKeepsD
   EXPECT_TRUE(slips_of(noisy, scattered).empty());
   EXPECT_FALSE(noisy.learned());
 
-  // A slip while learning: the offset learned is the slipped one. The resync
-  // it then asks for pairs right, and departing from there on means the
-  // learned offset was wrong; it is learned again instead of a second resync.
+  // While learning, samples are judged against no offset: an edge lost or added
+  // in the learning window is a slip, and its samples are never learned.
+  for (const std::int64_t shift : {static_cast<std::int64_t>(period_ns), -static_cast<std::int64_t>(period_ns / 2)}) {
+    PairingSlipCheck check(period_ns);
+    std::vector<std::int64_t> offsets(4, latency_ns);
+    for (int i = 0; i < 3; ++i) offsets.push_back(latency_ns + shift);
+    EXPECT_EQ(slips_of(check, offsets), (std::vector<std::size_t>{6}));
+    check.rearmed(true);
+    EXPECT_TRUE(slips_of(check, learned_run()).empty());
+    ASSERT_TRUE(check.learned());
+    EXPECT_EQ(check.learned_offset_ns(), latency_ns) << "learned from the four before and the run after";
+  }
+
+  // A latency that is not small against the period departs from zero for good:
+  // once the resync it asked for changes nothing, every sample is learned from.
   PairingSlipCheck check(period_ns);
-  std::vector<std::int64_t> offsets(16, latency_ns + static_cast<std::int64_t>(period_ns));
-  for (int i = 0; i < 3; ++i) offsets.push_back(latency_ns);
-  EXPECT_EQ(slips_of(check, offsets), (std::vector<std::size_t>{18}));
+  const auto slow = static_cast<std::int64_t>(period_ns / 2);
+  EXPECT_EQ(slips_of(check, std::vector<std::int64_t>(3, slow)), (std::vector<std::size_t>{2}));
   check.rearmed(true);
-  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(3, latency_ns)).empty());
-  EXPECT_FALSE(check.learned());
-  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(15, latency_ns)).empty());
-  EXPECT_EQ(check.learned_offset_ns(), latency_ns);
+  EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(18, slow)).empty());
+  ASSERT_TRUE(check.learned());
+  EXPECT_EQ(check.learned_offset_ns(), slow);
 
   // After any other arm, departures from the start are a slip as usual.
   check.rearmed(false);
