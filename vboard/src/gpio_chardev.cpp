@@ -350,47 +350,49 @@ void GpioChardev::discard(const QueuedEvent& lost) {
   }
 }
 
-bool GpioChardev::assert_int1(const Int1Drive& drive, std::uint64_t raw, std::uint64_t edge_number, bool drop,
-                              SampleTruth* sample) {
-  bool observed = false;
+template <typename OnLine>
+void GpioChardev::for_each_int1_listener(const Int1Drive& drive, OnLine&& on_line) {
   for (std::size_t chip = 0; chip < config_.chips.size(); ++chip) {
     const std::int32_t wired = config_.chips[chip].int1_offset;
     if (wired < 0) continue;
-    LineRequest* line = listener(chip, static_cast<std::uint32_t>(wired));
+    const auto offset = static_cast<std::uint32_t>(wired);
+    LineRequest* line = listener(chip, offset);
     if (line == nullptr) continue;
+    // Asserting INT1 is a rising edge on the line unless exactly one of the
+    // pin and the request is active-low.
     const bool active_low = (line->flags & GPIO_V2_LINE_FLAG_ACTIVE_LOW) != 0;
-    const bool assert_rising = drive.active_high != active_low;
+    on_line(*line, offset, drive.active_high != active_low);
+  }
+}
+
+bool GpioChardev::assert_int1(const Int1Drive& drive, std::uint64_t raw, std::uint64_t edge_number, bool drop,
+                              SampleTruth* sample) {
+  bool observed = false;
+  for_each_int1_listener(drive, [&](LineRequest& line, std::uint32_t offset, bool assert_rising) {
     const std::uint64_t want_assert = assert_rising ? GPIO_V2_LINE_FLAG_EDGE_RISING : GPIO_V2_LINE_FLAG_EDGE_FALLING;
     const std::uint64_t want_release = assert_rising ? GPIO_V2_LINE_FLAG_EDGE_FALLING : GPIO_V2_LINE_FLAG_EDGE_RISING;
-    const auto offset = static_cast<std::uint32_t>(wired);
-    if (line->flags & want_assert) {
-      schedule_event(*line, offset, assert_rising ? GPIO_V2_LINE_EVENT_RISING_EDGE : GPIO_V2_LINE_EVENT_FALLING_EDGE,
+    if (line.flags & want_assert) {
+      schedule_event(line, offset, assert_rising ? GPIO_V2_LINE_EVENT_RISING_EDGE : GPIO_V2_LINE_EVENT_FALLING_EDGE,
                      raw, edge_number, drop, sample);
       observed = true;
     }
-    if ((line->flags & want_release) && !drive.latched) {
-      schedule_event(*line, offset, assert_rising ? GPIO_V2_LINE_EVENT_FALLING_EDGE : GPIO_V2_LINE_EVENT_RISING_EDGE,
+    if ((line.flags & want_release) && !drive.latched) {
+      schedule_event(line, offset, assert_rising ? GPIO_V2_LINE_EVENT_FALLING_EDGE : GPIO_V2_LINE_EVENT_RISING_EDGE,
                      raw + drive.pulse_ns, UINT64_MAX, false, nullptr);
       observed = true;
     }
-  }
+  });
   return observed;
 }
 
 void GpioChardev::release_int1(const Int1Drive& drive, std::uint64_t raw) {
-  for (std::size_t chip = 0; chip < config_.chips.size(); ++chip) {
-    const std::int32_t wired = config_.chips[chip].int1_offset;
-    if (wired < 0) continue;
-    LineRequest* line = listener(chip, static_cast<std::uint32_t>(wired));
-    if (line == nullptr) continue;
-    const bool active_low = (line->flags & GPIO_V2_LINE_FLAG_ACTIVE_LOW) != 0;
-    const bool release_rising = drive.active_high == active_low;
-    if (line->flags & (release_rising ? GPIO_V2_LINE_FLAG_EDGE_RISING : GPIO_V2_LINE_FLAG_EDGE_FALLING)) {
-      schedule_event(*line, static_cast<std::uint32_t>(wired),
-                     release_rising ? GPIO_V2_LINE_EVENT_RISING_EDGE : GPIO_V2_LINE_EVENT_FALLING_EDGE, raw,
-                     UINT64_MAX, false, nullptr);
+  for_each_int1_listener(drive, [&](LineRequest& line, std::uint32_t offset, bool assert_rising) {
+    const bool release_rising = !assert_rising;
+    if (line.flags & (release_rising ? GPIO_V2_LINE_FLAG_EDGE_RISING : GPIO_V2_LINE_FLAG_EDGE_FALLING)) {
+      schedule_event(line, offset, release_rising ? GPIO_V2_LINE_EVENT_RISING_EDGE : GPIO_V2_LINE_EVENT_FALLING_EDGE,
+                     raw, UINT64_MAX, false, nullptr);
     }
-  }
+  });
 }
 
 }  // namespace pelmor_vboard::detail

@@ -95,6 +95,9 @@ class GpioChardev {
 
  private:
   LineRequest* listener(std::size_t chip, std::uint32_t offset);
+  // on_line(line, offset, assert_rising) for each line that listens to INT1.
+  template <typename OnLine>
+  void for_each_int1_listener(const Int1Drive& drive, OnLine&& on_line);
   void discard(const QueuedEvent& lost);
   void schedule_event(LineRequest& line, std::uint32_t offset, std::uint32_t id, std::uint64_t raw,
                       std::uint64_t edge_number, bool drop, SampleTruth* sample);
