@@ -312,26 +312,26 @@ TEST(FailedSnapshot, PutsBank0BackOnceExceptInThePeriodicRefresh) {
       << log;
   EXPECT_EQ(restores_after_failure(), 1U);
 
-  // The ninth is the first periodic refresh, sixteen samples into the run. On a
-  // loaded machine a late edge can force a re-arm first, whose snapshot is the
-  // ninth instead: such a run says nothing about the refresh, so it is repeated.
-  std::size_t delivered = 0;
-  std::size_t restores = 0;
-  for (int attempt = 0; attempt < 3 && delivered != 16U; ++attempt) {
+  // Once streaming, the next snapshot normally is the periodic refresh at the
+  // sixteenth sample. A slow or loaded machine may take another first (a map
+  // rebuilt, or a re-arm after a late edge), which restores once as well: such
+  // a run is repeated until the refresh itself has failed.
+  bool refresh_failed = false;
+  for (int attempt = 0; attempt < 4 && !refresh_failed; ++attempt) {
     vb::reset(config);
     BoardClient streaming(25);
-    vb::fail_spi_message(vb::SpiMessageKind::tmst_snapshot, EIO, vb::Trigger::once(9));
     testing::internal::CaptureStderr();
     ASSERT_EQ(pelmor_test::start_on_board(streaming.handle), PELMOR_OK);
+    ASSERT_TRUE(streaming.wait_for_samples(8, 10s));
+    vb::fail_spi_message(vb::SpiMessageKind::tmst_snapshot, EIO, vb::Trigger::once());
     EXPECT_TRUE(streaming.wait_until_stopped(10s));
     pelmor_stop(streaming.handle);
     log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(lines_starting_with(log, "imu worker fatal: failed to read TMST snapshot SPI message").size(), 1U) << log;
-    delivered = streaming.sample_count();
-    restores = restores_after_failure();
+    refresh_failed = streaming.sample_count() == 16U;
+    EXPECT_EQ(restores_after_failure(), refresh_failed ? 2U : 1U) << streaming.sample_count() << " samples";
   }
-  EXPECT_EQ(delivered, 16U);
-  EXPECT_EQ(restores, 2U);
+  EXPECT_TRUE(refresh_failed);
 }
 
 TEST(Lifecycle, DestroyWhileRunningStopsAndFrees) {
