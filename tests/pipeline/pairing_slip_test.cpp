@@ -92,6 +92,19 @@ TEST(PairingSlipCheck, LearnsOnlyFromAQuietWindowAndAgainAfterItsOwnResyncKeepsD
   EXPECT_TRUE(slips_of(noisy, scattered).empty());
   EXPECT_FALSE(noisy.learned());
 
+  // A spread of exactly a sixteenth of a period is still quiet enough: four
+  // samples each side of eight at the latency, 1,686,227 ns off, give a
+  // median absolute deviation that scales to 2,500,000 ns.
+  PairingSlipCheck edge(period_ns);
+  std::vector<std::int64_t> at_limit(8, latency_ns);
+  for (int i = 0; i < 4; ++i) {
+    at_limit.push_back(latency_ns - 1'686'227);
+    at_limit.push_back(latency_ns + 1'686'227);
+  }
+  EXPECT_TRUE(slips_of(edge, at_limit).empty());
+  ASSERT_TRUE(edge.learned());
+  EXPECT_EQ(edge.learned_spread_ns(), period_ns / 16);
+
   // While learning, samples are judged against no offset: an edge lost or added
   // in the learning window is a slip, and its samples are never learned.
   for (const std::int64_t shift : {static_cast<std::int64_t>(period_ns), -static_cast<std::int64_t>(period_ns / 2)}) {
@@ -114,6 +127,18 @@ TEST(PairingSlipCheck, LearnsOnlyFromAQuietWindowAndAgainAfterItsOwnResyncKeepsD
   EXPECT_TRUE(slips_of(check, std::vector<std::int64_t>(18, slow)).empty());
   ASSERT_TRUE(check.learned());
   EXPECT_EQ(check.learned_offset_ns(), slow);
+
+  // A board whose latency grows after learning: one resync, then the check
+  // learns anew from every sample, also across an unrelated re-arm.
+  PairingSlipCheck grown(period_ns);
+  EXPECT_TRUE(slips_of(grown, learned_run()).empty());
+  EXPECT_EQ(slips_of(grown, std::vector<std::int64_t>(3, slow)), (std::vector<std::size_t>{2}));
+  grown.rearmed(true);
+  EXPECT_TRUE(slips_of(grown, std::vector<std::int64_t>(5, slow)).empty());
+  grown.rearmed(false);
+  EXPECT_TRUE(slips_of(grown, std::vector<std::int64_t>(13, slow)).empty());
+  ASSERT_TRUE(grown.learned());
+  EXPECT_EQ(grown.learned_offset_ns(), slow);
 
   // After any other arm, departures from the start are a slip as usual.
   check.rearmed(false);
