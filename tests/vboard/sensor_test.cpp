@@ -114,8 +114,9 @@ TEST(VboardSensor, SetupIoctlsFollowSpidevAndLeaveErrnoAlone) {
 TEST(VboardSensor, MessagesFitSpidevsBounceBuffers) {
   pv::reset();
   Spi spi;
-  std::vector<std::uint8_t> tx(4096, 0);
-  std::vector<std::uint8_t> rx(4096, 0);
+  // Room for every message below, the refused ones included.
+  std::vector<std::uint8_t> tx(4097, 0);
+  std::vector<std::uint8_t> rx(4097, 0);
   const auto message = [&](std::initializer_list<std::pair<std::uint32_t, bool>> transfers) {
     std::vector<spi_ioc_transfer> x;
     std::size_t at = 0;
