@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -56,6 +57,9 @@ namespace {
     return f;                                                                        \
   }
 
+PV_REAL(stat, int, (const char*, struct stat*))
+PV_REAL(lstat, int, (const char*, struct stat*))
+PV_REAL(fstatat, int, (int, const char*, struct stat*, int))
 PV_REAL(open, int, (const char*, int, ...))
 PV_REAL(open64, int, (const char*, int, ...))
 PV_REAL(openat, int, (int, const char*, int, ...))
@@ -110,7 +114,7 @@ bool same_as_dev(const struct stat& st) {
   static std::atomic<ino_t> ino{0};
   if (!known.load(std::memory_order_acquire)) {
     struct stat d{};
-    if (::stat("/dev", &d) != 0) return false;
+    if (next_stat()("/dev", &d) != 0) return false;
     dev.store(d.st_dev);
     ino.store(d.st_ino);
     known.store(true, std::memory_order_release);
@@ -134,7 +138,7 @@ const char* dev_entry(int dirfd, const char* path) {
   if (path[0] == '/' || std::strchr(path, '/') != nullptr || !board_pattern(path)) return nullptr;
   struct stat st{};
   const int saved = errno;
-  const int rc = dirfd == AT_FDCWD ? ::stat(".", &st) : ::fstat(dirfd, &st);
+  const int rc = dirfd == AT_FDCWD ? next_stat()(".", &st) : ::fstat(dirfd, &st);
   errno = saved;
   return rc == 0 && same_as_dev(st) ? path : nullptr;
 }
@@ -145,7 +149,7 @@ bool is_dev_dir(const char* path) {
   if (std::strstr(path, "dev") == nullptr) return false;
   struct stat st{};
   const int saved = errno;
-  const int rc = ::stat(path, &st);
+  const int rc = next_stat()(path, &st);
   errno = saved;
   return rc == 0 && same_as_dev(st);
 }
@@ -448,6 +452,67 @@ int pv_openat64_2(int dirfd, const char* path, int flags) {
   if (board_open(dirfd, path, flags, fd)) return fd;
   return next___openat64_2()(dirfd, path, flags);
 }
+
+// ---- stat ---------------------------------------------------------------------------------
+
+// An emulated node stats as a character device the way a kernel without udev rules
+// leaves it: root:root, mode 0600.
+bool board_stat(int dirfd, const char* path, struct stat* out, int& result) {
+  const char* name = dev_entry(dirfd, path);
+  if (name == nullptr || out == nullptr) return false;
+  Board& b = board();
+  pelmor_vboard::detail::Guard lk(b.mutex());
+  b.ensure_initialised();
+  std::size_t chip = 0;
+  const std::uint8_t kind = b.node_for_name(name, chip);
+  if (kind == kind_none) {
+    if (!Board::hides_name(name)) return false;
+    errno = ENOENT;
+    result = -1;
+    return true;
+  }
+  std::memset(out, 0, sizeof *out);
+  out->st_mode = S_IFCHR | S_IRUSR | S_IWUSR;
+  out->st_nlink = 1;
+  out->st_ino = kind == kind_spi ? 0x5100 : 0x5200 + chip;
+  out->st_rdev = kind == kind_spi ? makedev(153, 0) : makedev(254, static_cast<unsigned>(chip));
+  out->st_blksize = 4096;
+  result = 0;
+  return true;
+}
+
+PV_EXPORT int pv_stat(const char* path, struct stat* out) __asm__("stat");
+PV_EXPORT int pv_stat64(const char* path, struct stat* out) __asm__("stat64");
+PV_EXPORT int pv_lstat(const char* path, struct stat* out) __asm__("lstat");
+PV_EXPORT int pv_lstat64(const char* path, struct stat* out) __asm__("lstat64");
+PV_EXPORT int pv_fstatat(int dirfd, const char* path, struct stat* out, int flags) __asm__("fstatat");
+PV_EXPORT int pv_fstatat64(int dirfd, const char* path, struct stat* out, int flags) __asm__("fstatat64");
+// The 64-bit variants share the layout on every LP64 target we build for.
+static_assert(sizeof(struct stat) == sizeof(struct stat64));
+
+int pv_stat(const char* path, struct stat* out) {
+  int rc = -1;
+  if (board_stat(AT_FDCWD, path, out, rc)) return rc;
+  return next_stat()(path, out);
+}
+
+int pv_stat64(const char* path, struct stat* out) { return pv_stat(path, out); }
+
+int pv_lstat(const char* path, struct stat* out) {
+  int rc = -1;
+  if (board_stat(AT_FDCWD, path, out, rc)) return rc;
+  return next_lstat()(path, out);
+}
+
+int pv_lstat64(const char* path, struct stat* out) { return pv_lstat(path, out); }
+
+int pv_fstatat(int dirfd, const char* path, struct stat* out, int flags) {
+  int rc = -1;
+  if ((flags & AT_EMPTY_PATH) == 0 && board_stat(dirfd, path, out, rc)) return rc;
+  return next_fstatat()(dirfd, path, out, flags);
+}
+
+int pv_fstatat64(int dirfd, const char* path, struct stat* out, int flags) { return pv_fstatat(dirfd, path, out, flags); }
 
 // ---- close, dup ---------------------------------------------------------------------------
 
