@@ -17,10 +17,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # CTest and gtest discovery run target programs through this; the shell-driven
 # tests are handed it explicitly. No binfmt registration is needed.
-find_program(PELMOR_QEMU_AARCH64 NAMES qemu-aarch64-static qemu-aarch64 REQUIRED)
-# The search path pins the C library to the cross toolchain's, the one its loader
-# belongs to: once the arm64 libc6 of multiarch is installed too (building the arm64
-# packages does that), the host's loader cache would hand the cross loader that
-# other build of libc, and the mix hangs the first pthread_create.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${PELMOR_QEMU_AARCH64} -L /usr/aarch64-linux-gnu
-    -E LD_LIBRARY_PATH=/usr/aarch64-linux-gnu/lib)
+find_program(PELMOR_QEMU_AARCH64 NAMES qemu-aarch64-static qemu-aarch64 REQUIRED)  # the script finds it the same way
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/qemu-aarch64-run)
