@@ -53,6 +53,12 @@ for _ in 1 2 3; do
   if tools/pelmor-vboard --board "$board" -- pelmor-check >"$work/check"; then checked=yes; break; fi
 done
 [ $checked = yes ] || { cat "$work/check" >&2; echo "ci-packages: pelmor-check failed on the virtual board" >&2; exit 1; }
+# The installed Python module, over the installed library.
+tools/pelmor-vboard --board "$board" -- /usr/bin/python3 -c \
+  'import pelmor
+with pelmor.Driver(rate_hz=30) as imu:
+    assert [s.sample_index for s in imu.samples(count=5)] == [0, 1, 2, 3, 4]' 2>"$work/py" ||
+  { cat "$work/py" >&2; echo "ci-packages: the installed Python module failed" >&2; exit 1; }
 
 dpkg -r pelmor-tools libpelmor-dev libpelmor2 >/dev/null
 dpkg -P pelmor-tools libpelmor-dev libpelmor2 >/dev/null

@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests and the tools need, if missing;
 # extra packages (name or name:arch) may be given as arguments.
 set -euo pipefail
-packages=(cmake ninja-build g++ gcc pkgconf binutils libgtest-dev libgmock-dev googletest libbenchmark-dev clang libclang-rt-14-dev python3 "$@")
+packages=(cmake ninja-build g++ gcc pkgconf binutils libgtest-dev libgmock-dev googletest libbenchmark-dev clang libclang-rt-14-dev python3 python3-numpy "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

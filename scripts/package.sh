@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 target=${1:-native}
-deps=(debhelper dpkg-dev fakeroot lintian)
+deps=(debhelper dpkg-dev fakeroot lintian dh-python python3)
 arch_opts=()
 if [ "$target" = aarch64 ]; then
   # The target's own C and C++ runtimes, where dpkg-shlibdeps looks for them.

@@ -135,6 +135,9 @@ StreamFacts stream_edges(const RateProfile& profile, std::uint64_t duration_ns) 
     line.drain();
     line.forget_last_sequence();
     sensor.low_noise();
+    // The first message of a kind can be slow for reasons of its own (cold caches,
+    // an emulator translating); the driver's anchors never see it alone either.
+    sensor.snapshot();
 
     sensor.data_ready(true);
     streaming = true;
