@@ -154,8 +154,12 @@ bool is_dev_dir(const char* path) {
   return rc == 0 && same_as_dev(st);
 }
 
-// Returns true when the board answered; `result` then holds the descriptor or -1.
-bool board_open(int dirfd, const char* path, int flags, int& result) {
+// Answers a call on an emulated node: `answer(board, kind, chip)` runs under the
+// board's lock and gives its result or -errno; a host node the board hides fails with
+// ENOENT. Returns false when (dirfd, path) is not the board's; else `result` holds the
+// answer or -1 with errno set (errno is left alone on success).
+template <typename Answer>
+bool answer_on_node(int dirfd, const char* path, int& result, Answer&& answer) {
   const char* name = dev_entry(dirfd, path);
   if (name == nullptr) return false;
   const int saved = errno;
@@ -164,31 +168,19 @@ bool board_open(int dirfd, const char* path, int flags, int& result) {
   b.ensure_initialised();
   std::size_t chip = 0;
   const std::uint8_t kind = b.node_for_name(name, chip);
-  if (kind == kind_none) {
-    if (!Board::hides_name(name)) return false;
-    errno = ENOENT;  // the host's own nodes are not on this board
-    result = -1;
-    return true;
-  }
-  if ((flags & O_DIRECTORY) != 0) {
-    errno = ENOTDIR;
-    result = -1;
-    return true;
-  }
-  if (kind == kind_chip && b.config.chips[chip].open_errno != 0) {
-    errno = b.config.chips[chip].open_errno;
-    result = -1;
-    return true;
-  }
-  const int fd = b.open_node(kind, chip, flags);
-  if (fd < 0) {
-    errno = -fd;
-    result = -1;
-  } else {
-    errno = saved;
-    result = fd;
-  }
+  if (kind == kind_none && !Board::hides_name(name)) return false;
+  const int r = kind == kind_none ? -ENOENT : answer(b, kind, chip);
+  errno = r < 0 ? -r : saved;
+  result = r < 0 ? -1 : r;
   return true;
+}
+
+bool board_open(int dirfd, const char* path, int flags, int& result) {
+  return answer_on_node(dirfd, path, result, [flags](Board& b, std::uint8_t kind, std::size_t chip) {
+    if ((flags & O_DIRECTORY) != 0) return -ENOTDIR;
+    if (kind == kind_chip && b.config.chips[chip].open_errno != 0) return -b.config.chips[chip].open_errno;
+    return b.open_node(kind, chip, flags);
+  });
 }
 
 mode_t mode_arg(int flags, va_list ap) {
@@ -458,27 +450,16 @@ int pv_openat64_2(int dirfd, const char* path, int flags) {
 // An emulated node stats as a character device the way a kernel without udev rules
 // leaves it: root:root, mode 0600.
 bool board_stat(int dirfd, const char* path, struct stat* out, int& result) {
-  const char* name = dev_entry(dirfd, path);
-  if (name == nullptr || out == nullptr) return false;
-  Board& b = board();
-  pelmor_vboard::detail::Guard lk(b.mutex());
-  b.ensure_initialised();
-  std::size_t chip = 0;
-  const std::uint8_t kind = b.node_for_name(name, chip);
-  if (kind == kind_none) {
-    if (!Board::hides_name(name)) return false;
-    errno = ENOENT;
-    result = -1;
-    return true;
-  }
-  std::memset(out, 0, sizeof *out);
-  out->st_mode = S_IFCHR | S_IRUSR | S_IWUSR;
-  out->st_nlink = 1;
-  out->st_ino = kind == kind_spi ? 0x5100 : 0x5200 + chip;
-  out->st_rdev = kind == kind_spi ? makedev(153, 0) : makedev(254, static_cast<unsigned>(chip));
-  out->st_blksize = 4096;
-  result = 0;
-  return true;
+  if (out == nullptr) return false;
+  return answer_on_node(dirfd, path, result, [out](Board&, std::uint8_t kind, std::size_t chip) {
+    std::memset(out, 0, sizeof *out);
+    out->st_mode = S_IFCHR | S_IRUSR | S_IWUSR;
+    out->st_nlink = 1;
+    out->st_ino = kind == kind_spi ? 0x5100 : 0x5200 + chip;
+    out->st_rdev = kind == kind_spi ? makedev(153, 0) : makedev(254, static_cast<unsigned>(chip));
+    out->st_blksize = 4096;
+    return 0;
+  });
 }
 
 PV_EXPORT int pv_stat(const char* path, struct stat* out) __asm__("stat");
