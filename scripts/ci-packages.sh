@@ -50,7 +50,9 @@ run_client "$work/consumer/build/client"
 # a loaded machine stretched is tried again).
 checked=no
 for _ in 1 2 3; do
-  if tools/pelmor-vboard --board "$board" -- pelmor-check >"$work/check"; then checked=yes; break; fi
+  tools/pelmor-vboard --board "$board" -- pelmor-check >"$work/check" || true
+  # A machine that refuses real-time priority itself fails only that check.
+  if ! grep -v '^FAIL realtime:' "$work/check" | grep -q '^FAIL'; then checked=yes; break; fi
 done
 [ $checked = yes ] || { cat "$work/check" >&2; echo "ci-packages: pelmor-check failed on the virtual board" >&2; exit 1; }
 # The installed Python module, over the installed library.

@@ -158,8 +158,9 @@ TEST(CheckJudgements, RealTimeAndKernel) {
   rt.refusal_errno = EPERM;
   rt.rtprio_soft = 0;
   rt.rtprio_hard = 0;
+  // The driver runs on without it, but its timestamps lose their footing under load.
   const CheckResult refused = judge_realtime(rt);
-  EXPECT_EQ(refused.status, Status::warn);
+  EXPECT_EQ(refused.status, Status::fail);
   EXPECT_EQ(refused.detail,
             "SCHED_FIFO 82 refused (Operation not permitted; RLIMIT_RTPRIO 0/0, CAP_SYS_NICE absent): the driver "
             "runs on at normal priority and says so at start");
@@ -218,7 +219,15 @@ TEST_F(CheckBoard, HealthyBoardPassesAndLeavesTheSensorQuiet) {
   for (const char* name : {"gpio-chips", "gpio-label", "int1-line", "spidev", "who-am-i", "int1-edges"}) {
     EXPECT_EQ(find(results, name).status, Status::pass) << listing(results);
   }
-  EXPECT_EQ(exit_status(results), 0) << listing(results);
+  // Nothing fails, unless this machine itself refuses real-time priority.
+  for (const CheckResult& r : results) {
+    if (r.name != "realtime") {
+      EXPECT_NE(r.status, Status::fail) << listing(results);
+    }
+  }
+  if (find(results, "realtime").status == Status::pass) {
+    EXPECT_EQ(exit_status(results), 0);
+  }
   EXPECT_EQ(find(results, "who-am-i").detail, "0x47");
   EXPECT_THAT(find(results, "int1-line").detail, HasSubstr("line 16 of gpiochip0 is free"));
   EXPECT_THAT(find(results, "snapshots").detail, HasSubstr("(gate 100.0 us)"));

@@ -211,7 +211,7 @@ CheckResult judge_realtime(const RealtimeFacts& rt) {
                             (rt.cap_sys_nice ? "present" : "absent");
   const std::string policy = "SCHED_FIFO " + std::to_string(rt.priority);
   if (rt.fifo_allowed) return result("realtime", Status::pass, policy + " allowed (" + facts + ")");
-  return result("realtime", Status::warn,
+  return result("realtime", Status::fail,
                 policy + " refused (" + error_name(rt.refusal_errno) + "; " + facts +
                     "): the driver runs on at normal priority and says so at start",
                 "run the client as a systemd service with LimitRTPRIO=82, or add '@pelmor - rtprio 82' to "
