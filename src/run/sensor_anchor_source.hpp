@@ -16,6 +16,8 @@ class SensorAnchorSource final : public AnchorSource {
   // A failed refresh snapshot puts the sensor back in bank 0 once more before
   // its error goes on: the FIFO streams meanwhile.
   TmstSnapshot take_refresh_snapshot() override { return sensor_.snapshot_restoring_bank0(); }
+  // The snapshot message as the kernel runs it: the strobe is its first transfer.
+  LatchMargins latch_margins() const noexcept override { return snapshot_latch_margins_; }
 
   // From now on a pause gives up, by throwing, once running reads false: an
   // anchor map rebuilt while streaming must not hold up a stop.
@@ -29,6 +31,7 @@ class SensorAnchorSource final : public AnchorSource {
  private:
   SensorDevice& sensor_;
   const std::atomic<bool>* running_ = nullptr;
+  LatchMargins snapshot_latch_margins_ = snapshot_latch_margins();
 };
 
 }  // namespace pelmor_lusk

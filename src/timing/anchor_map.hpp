@@ -16,6 +16,8 @@ class AnchorSource {
   virtual TmstSnapshot take_snapshot() = 0;
   // The snapshot of the periodic refresh, taken while the FIFO streams.
   virtual TmstSnapshot take_refresh_snapshot() { return take_snapshot(); }
+  // Where inside its bracket a snapshot's latch can be; none known by default.
+  virtual LatchMargins latch_margins() const noexcept { return {}; }
   // The pause between establishment attempts; resumes after signals.
   virtual void pause_ns(std::int64_t ns);
 };

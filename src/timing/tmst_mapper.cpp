@@ -35,7 +35,14 @@ bool TmstMapper::refuse(FitRejectReason reason) noexcept {
   return false;
 }
 
-bool TmstMapper::add_anchor(const TmstAnchor& anchor, std::uint64_t residual_limit_ns) {
+TmstAnchor narrowed_to_latch(const TmstAnchor& anchor, const LatchMargins& latch) noexcept {
+  if (anchor.raw_after_ns < anchor.raw_before_ns) return anchor;
+  if (anchor.raw_after_ns - anchor.raw_before_ns < latch.before_ns + latch.after_ns) return anchor;
+  return TmstAnchor{anchor.tick, anchor.raw_before_ns + latch.before_ns, anchor.raw_after_ns - latch.after_ns};
+}
+
+bool TmstMapper::add_anchor(const TmstAnchor& offered, std::uint64_t residual_limit_ns) {
+  const TmstAnchor anchor = bracket_fit_ ? narrowed_to_latch(offered, latch_) : offered;
   if (anchor.raw_after_ns < anchor.raw_before_ns) return refuse(FitRejectReason::anchor_window_reversed);
   const std::uint64_t half_window = anchor.half_window_ns();
   if (half_window > tmst_max_half_window_ns) {
@@ -156,7 +163,8 @@ bool TmstMapper::drop_wide_anchor() {
 
 bool TmstMapper::outshone_by(const TmstAnchor& fresh) const noexcept {
   if (count_ == 0) return false;
-  return wide_against(median_half_window(anchors_, count_, skip_none), fresh.half_window_ns());
+  const TmstAnchor judged = bracket_fit_ ? narrowed_to_latch(fresh, latch_) : fresh;
+  return wide_against(median_half_window(anchors_, count_, skip_none), judged.half_window_ns());
 }
 
 namespace {

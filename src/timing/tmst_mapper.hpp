@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/quad.hpp"
+#include "sensor/latch_margins.hpp"
 
 namespace pelmor_lusk {
 
@@ -62,6 +63,11 @@ struct TmstAnchor {
   }
 };
 
+// The part of the anchor's bracket where its latch can be, given the least time
+// the snapshot message needs before and after it. A bracket shorter than that
+// least time was not measured around such a message and is kept whole.
+TmstAnchor narrowed_to_latch(const TmstAnchor& anchor, const LatchMargins& latch) noexcept;
+
 struct TmstFit {
   bool valid = false;
   std::uint32_t anchors = 0;
@@ -83,8 +89,10 @@ struct TmstFit {
 class TmstMapper {
  public:
   // bracket_fit (opt-in): the line through every anchor's bracket
-  // (fit_bracket_line) instead of least squares through the midpoints.
-  explicit TmstMapper(bool bracket_fit = false) noexcept : bracket_fit_(bracket_fit) {}
+  // (fit_bracket_line) instead of least squares through the midpoints, each
+  // bracket first narrowed to where its latch can be (latch).
+  explicit TmstMapper(bool bracket_fit = false, LatchMargins latch = {}) noexcept
+      : bracket_fit_(bracket_fit), latch_(latch) {}
 
   // Inserts the anchor and refits; true when the resulting fit is valid. When
   // the fit is refused for its residual and an older anchor is wide, that
@@ -108,6 +116,7 @@ class TmstMapper {
   const TmstFit& last_rejected() const noexcept { return last_rejected_; }
   std::span<const TmstAnchor> anchors() const noexcept { return std::span(anchors_).first(count_); }
   bool bracket_fit() const noexcept { return bracket_fit_; }
+  const LatchMargins& latch_margins() const noexcept { return latch_; }
 
  private:
   // Fits the stored anchors; true when every gate passes.
@@ -122,6 +131,7 @@ class TmstMapper {
   TmstFit fit_{};
   TmstFit last_rejected_{};
   bool bracket_fit_ = false;
+  LatchMargins latch_{};
 };
 
 // The sensor's counter extended from its bit width to a monotonic 64-bit tick.

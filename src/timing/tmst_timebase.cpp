@@ -9,7 +9,7 @@ bool fresh_anchor_worth_retrying(std::uint32_t attempt, FitRejectReason reason, 
 }
 
 void TmstTimebase::reset() noexcept {
-  mapper_ = TmstMapper(mapper_.bracket_fit());
+  mapper_ = TmstMapper(mapper_.bracket_fit(), mapper_.latch_margins());
   unwrap_.reset();
   outshone_ = false;
 }

@@ -35,7 +35,8 @@ bool fresh_anchor_worth_retrying(std::uint32_t attempt, FitRejectReason reason, 
 // anchors. It makes no system call itself: every snapshot comes from source.
 class TmstTimebase {
  public:
-  TmstTimebase(AnchorSource& source, bool bracket_fit) noexcept : source_(source), mapper_(bracket_fit) {}
+  TmstTimebase(AnchorSource& source, bool bracket_fit) noexcept
+      : source_(source), mapper_(bracket_fit, bracket_fit ? source.latch_margins() : LatchMargins{}) {}
   TmstTimebase(const TmstTimebase&) = delete;
   TmstTimebase& operator=(const TmstTimebase&) = delete;
 

@@ -123,6 +123,51 @@ TEST(BracketFit, AQuickAnchorIsTakenAfterAWindowOfStretchedOnes) {
   }
 }
 
+TEST(LatchBracket, NarrowsToWhereTheLatchCanBeAndKeepsAShorterBracketWhole) {
+  const LatchMargins kernel{1600, 24800};
+  const TmstAnchor narrowed = narrowed_to_latch(TmstAnchor{5, 1000, 41000}, kernel);
+  EXPECT_EQ(narrowed.tick, 5U);
+  EXPECT_EQ(narrowed.raw_before_ns, 2600U);
+  EXPECT_EQ(narrowed.raw_after_ns, 16200U);
+  const TmstAnchor least = narrowed_to_latch(TmstAnchor{5, 1000, 27400}, kernel);
+  EXPECT_EQ(least.raw_before_ns, 2600U);
+  EXPECT_EQ(least.raw_after_ns, 2600U) << "exactly the least time: one instant";
+  const TmstAnchor shorter{5, 1000, 27399};
+  EXPECT_EQ(narrowed_to_latch(shorter, kernel).raw_before_ns, 1000U) << "not measured around such a message";
+  EXPECT_EQ(narrowed_to_latch(shorter, kernel).raw_after_ns, 27399U);
+}
+
+TEST(LatchBracket, TheKernelsLateMidpointIsGoneAndTheBoundTightens) {
+  // As a kernel runs the snapshot: 3-9 us of entry, the strobe byte out 1.6 us
+  // later, at least 24.8 us of pauses and transfers after it, then 4-10 us of
+  // return; the fifth message's return is preempted for 60 us.
+  const LatchMargins kernel{1600, 24800};
+  const auto true_raw = [](std::uint64_t tick) {
+    return base_raw_ns + static_cast<std::uint64_t>(static_cast<double>(tick) * (1000.0 / 1.0025));
+  };
+  TmstMapper midpoint(false), whole_bracket(true), latch_bracket(true, kernel);
+  for (std::uint64_t i = 0; i < 16; ++i) {
+    const std::uint64_t tick = i * 80000;
+    const std::uint64_t entry = 3000 + (i * 1700) % 6000;
+    std::uint64_t back = 4000 + (i * 2300) % 6000;
+    if (i == 4) back += 60000;
+    const std::uint64_t latch = true_raw(tick);
+    const TmstAnchor a{tick, latch - kernel.before_ns - entry, latch + kernel.after_ns + back};
+    for (TmstMapper* m : {&midpoint, &whole_bracket, &latch_bracket}) m->add_anchor(a, tmst_establish_residual_limit_ns);
+  }
+  ASSERT_TRUE(midpoint.fit().valid);
+  ASSERT_TRUE(latch_bracket.fit().valid);
+  const std::uint64_t tick = 16 * 80000;
+  const TmstMapping late = map_tmst_to_raw(midpoint.fit(), tick, 0);
+  const TmstMapping also_late = map_tmst_to_raw(whole_bracket.fit(), tick, 0);
+  const TmstMapping latched = map_tmst_to_raw(latch_bracket.fit(), tick, 0);
+  EXPECT_GT(late.raw_ns, true_raw(tick) + 8000) << "the midpoint sits late in every bracket";
+  EXPECT_GT(also_late.raw_ns, true_raw(tick) + 8000);
+  EXPECT_LE(distance(latched.raw_ns, true_raw(tick)), 3000U);
+  EXPECT_LE(distance(latched.raw_ns, true_raw(tick)), std::uint64_t{latched.uncertainty_us} * 1000);
+  EXPECT_LT(latched.uncertainty_us + 10, late.uncertainty_us);
+}
+
 class StatedUncertainty : public testing::TestWithParam<bool> {};
 
 TEST_P(StatedUncertainty, CoversTheTruthWithLatchesAnywhereInTheirBrackets) {

@@ -31,13 +31,14 @@ TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
   const auto sensor = testing_support::power_up_sensor();
   SensorAnchorSource source(*sensor);
 
-  TmstMapper mapper(std::get<1>(GetParam()));
+  const bool bracket_fit = std::get<1>(GetParam());
+  TmstMapper mapper(bracket_fit, bracket_fit ? source.latch_margins() : LatchMargins{});
   TmstUnwrap unwrap;
   establish_anchor_map(mapper, unwrap, source);
   ASSERT_TRUE(mapper.fit().valid);
 
-  // Positive ppm: the counter runs fast, so fewer RAW ns per tick.
-  const double true_slope = 1000.0 / (1.0 + config.tmst_drift_ppm * 1e-6);
+  // Positive ppm: the counter runs fast, so fewer RAW ns per tick; a longer tick, more.
+  const double true_slope = config.tmst_tick_ns / (1.0 + config.tmst_drift_ppm * 1e-6);
   EXPECT_LE(std::fabs(to_double(mapper.fit().slope_ns_per_tick) - true_slope),
             to_double(mapper.fit().slope_uncertainty_ns_per_tick))
       << format_fit_diagnostic(mapper.fit());
@@ -61,10 +62,17 @@ vb::Config drifting(vb::Config config, double ppm) {
   return config;
 }
 
+vb::Config pll_tick(vb::Config config) {
+  config.tmst_tick_ns = 1000.0 * 20.48 / 19.2;
+  return config;
+}
+
 INSTANTIATE_TEST_SUITE_P(Profiles, TmstHonesty,
                          ::testing::Combine(::testing::Values(BoardCase{"ideal", drifting(vb::Config::ideal(), 180.0)},
                                                               BoardCase{"realistic",
-                                                                        drifting(vb::Config::realistic(), 2500.0)}),
+                                                                        drifting(vb::Config::realistic(), 2500.0)},
+                                                              BoardCase{"slow_host", vb::Config::slow_host()},
+                                                              BoardCase{"pll_tick", pll_tick(vb::Config::realistic())}),
                                             ::testing::Bool()),
                          [](const auto& case_info) {
                            return std::string(std::get<0>(case_info.param).name) +

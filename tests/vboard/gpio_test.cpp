@@ -117,23 +117,31 @@ TEST(VboardGpio, FullEventBufferKeepsTheNewest) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(VboardGpio, RealisticEdgesAreStampedLateAndResetUnplugsDescriptors) {
-  pv::reset(pv::Config::realistic());
+TEST(VboardGpio, RealisticEdgesAreStampedLateReadableLaterAndResetUnplugsDescriptors) {
+  const pv::Config config = pv::Config::slow_host();
+  const std::uint64_t readable = config.timing.irq_readable_delay_ns;
+  ASSERT_GT(readable, 0u);
+  pv::reset(config);
   Line line("gpiochip0");
   Spi spi;
   spi.stream(0x07);
   for (int n = 0; n < 10; ++n) {
     gpio_v2_line_event ev{};
     ASSERT_TRUE(line.next(ev));
+    const std::uint64_t read_at = raw_ns();
     const auto truth = pv::sample(ev.line_seqno - 1);
     ASSERT_TRUE(truth.has_value());
-    EXPECT_GE(truth->irq_latency_ns, 3000u);
+    EXPECT_GE(truth->irq_latency_ns, config.timing.irq_latency_min_ns);
     EXPECT_EQ(ev.timestamp_ns, truth->event_monotonic_ns);
-    EXPECT_GE(ev.timestamp_ns, truth->monotonic_ns + 3000);
+    EXPECT_GE(ev.timestamp_ns, truth->monotonic_ns + config.timing.irq_latency_min_ns);
+    const auto edge = pv::edges(ev.line_seqno - 1, 1);
+    ASSERT_EQ(edge.size(), 1u);
+    EXPECT_EQ(edge[0].due_raw_ns, truth->raw_ns + truth->irq_latency_ns + readable) << "readable after its stamp";
+    EXPECT_GE(read_at, edge[0].due_raw_ns);
   }
   const auto snap = spi.snapshot();
   EXPECT_EQ(snap.result, 8);
-  EXPECT_GT(snap.after - snap.before, 8000u) << "a realistic message takes time";
+  EXPECT_GT(snap.after - snap.before, 2 * pv::kernel_cs_change_delay_ns) << "a realistic message takes time";
 
   pv::reset();
   pollfd p{line.fd(), POLLIN, 0};

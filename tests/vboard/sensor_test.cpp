@@ -164,6 +164,7 @@ TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   EXPECT_TRUE(log[0].transfers[1].cs_change);
   EXPECT_FALSE(log[0].transfers[2].cs_change);
   ASSERT_TRUE(log[0].latched);
+  EXPECT_EQ(log[0].latch_raw_ns, log[0].raw_start_ns) << "ideal: at the ioctl";
   EXPECT_GE(log[0].latch_raw_ns, a.before);
   EXPECT_LE(log[0].latch_raw_ns, a.after);
   EXPECT_EQ(log[0].latch_tmst, a.ticks);
@@ -175,6 +176,61 @@ TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   const double draw = static_cast<double>(log[2].latch_raw_ns - log[0].latch_raw_ns);
   EXPECT_NEAR(dticks * 1000.0 / draw, 1.002, 0.0002);
   EXPECT_EQ(pv::tmst_at(log[2].latch_raw_ns), b.ticks);
+}
+
+// Realistic messages run as the kernel's core runs them (spi_transfer_one_message):
+// transfers in order, each on the wire for its bytes, chip select released for
+// the core's default delay after every cs_change but the last, and the strobe
+// latching when its byte is out.
+TEST(VboardSensor, RealisticMessagesRunLikeTheKernelsAndTheStrobeLatchesWhenItsByteIsOut) {
+  pv::Config cfg = pv::Config::realistic();
+  cfg.timing.spi_tail_probability = 0.0;
+  cfg.tmst_tick_ns = 1066.67;  // a PLL-clocked counter
+  pv::reset(cfg);
+  const pv::RealisticTiming& t = cfg.timing;
+  constexpr std::uint64_t byte_ns = 800;  // 8 bits at 10 MHz
+  Spi spi;
+  spi.write(TMST_CONFIG, TMST_CONFIG_DRIVER);
+  std::vector<pv::SpiMessageRecord> snapshots;
+  for (int round = 0; round < 12; ++round) {
+    const auto mark = pv::spi_log_mark();
+    const Spi::Snapshot s = spi.snapshot();
+    const auto log = pv::spi_log(mark);
+    ASSERT_EQ(log.size(), 2u);
+    const pv::SpiMessageRecord& m = log[0];
+    const auto& x = m.transfers;
+    ASSERT_EQ(x.size(), 3u);
+    for (const auto& transfer : x) EXPECT_EQ(transfer.raw_wire_end_ns - transfer.raw_wire_start_ns, transfer.len * byte_ns);
+    EXPECT_GE(x[0].raw_wire_start_ns - m.raw_start_ns, t.spi_entry_ns + t.spi_transfer_setup_ns);
+    EXPECT_EQ(x[1].raw_wire_start_ns - x[0].raw_wire_end_ns, pv::kernel_cs_change_delay_ns + t.spi_transfer_setup_ns);
+    EXPECT_EQ(x[2].raw_wire_start_ns - x[1].raw_wire_end_ns, pv::kernel_cs_change_delay_ns + t.spi_transfer_setup_ns);
+    EXPECT_GE(m.raw_end_ns - x[2].raw_wire_end_ns, t.spi_return_ns);
+    ASSERT_TRUE(m.latched);
+    EXPECT_EQ(m.latch_raw_ns, x[0].raw_wire_end_ns);
+    EXPECT_EQ(m.latch_tmst, pv::tmst_at(m.latch_raw_ns));
+    EXPECT_EQ(m.latch_tmst, s.ticks);
+    EXPECT_GE(m.latch_raw_ns, s.before);
+    EXPECT_LE(m.raw_end_ns, s.after);
+    snapshots.push_back(m);
+  }
+  // The longer tick: the counter runs 1000 / 1066.67 as fast as RAW.
+  const double dticks = static_cast<double>((snapshots.back().latch_tmst - snapshots.front().latch_tmst) & TMST_COUNTER_MASK);
+  const double draw = static_cast<double>(snapshots.back().latch_raw_ns - snapshots.front().latch_raw_ns);
+  EXPECT_NEAR(dticks / draw * 1000.0, 1000.0 / 1066.67 * (1.0 + cfg.tmst_drift_ppm * 1e-6), 0.001);
+
+  // Without cs_change the next transfer follows at once; the last one's
+  // cs_change keeps the select for the next message and adds no pause.
+  std::uint8_t address = FIFO_COUNTH | SPI_READ_FLAG;
+  std::uint8_t count[2] = {};
+  spi_ioc_transfer read[2] = {
+      pelmor_lusk::make_spi_transfer(&address, nullptr, 1, pelmor_lusk::spi_register_speed_hz),
+      pelmor_lusk::make_spi_transfer(nullptr, count, 2, pelmor_lusk::spi_register_speed_hz)};
+  const auto mark = pv::spi_log_mark();
+  ASSERT_EQ(pelmor_lusk::submit_spi_message(spi.fd(), read), 3);
+  const auto log = pv::spi_log(mark);
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].transfers[1].raw_wire_start_ns - log[0].transfers[0].raw_wire_end_ns, t.spi_transfer_setup_ns);
+  EXPECT_FALSE(log[0].latched);
 }
 
 TEST(VboardSensor, FifoStreamsPacketsAtTheOdr) {

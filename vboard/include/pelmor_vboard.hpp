@@ -28,26 +28,47 @@ namespace pelmor_vboard {
 enum class Profile : std::uint8_t {
   ideal = 0,      // no added latency: an SPI message takes the time of the call, the
                   // TMST strobe latches at the ioctl, edges are stamped at the sample
-  realistic = 1,  // SPI message duration with jitter and a rare long tail, latch at a
-                  // random point inside the message, interrupt stamp latency
+  realistic = 1,  // SPI messages timed as the kernel's spidev runs them (entry, each
+                  // transfer on the wire, chip-select gaps, return) with jitter and a
+                  // rare long tail; the strobe latches when its byte completes;
+                  // interrupt stamp latency
 };
+
+// The kernel's pause with chip select released after a transfer with cs_change
+// (drivers/spi/spi.c, _spi_transfer_cs_change_delay: spidev leaves the delay
+// unset, so the core's default of 10 us applies).
+inline constexpr std::uint64_t kernel_cs_change_delay_ns = 10000;
 
 // Noise of the realistic profile (ignored by ideal). Durations in ns.
 struct RealisticTiming {
-  // One SPI message lasts overhead + exponential(jitter mean) [+ wire time]
-  // [+ uniform tail with the given probability]; the ioctl returns only then.
-  std::uint64_t spi_overhead_ns = 8000;
-  std::uint64_t spi_jitter_mean_ns = 6000;
-  bool spi_wire_time = true;               // add bytes * 8 / speed_hz
+  // One SPI message, in the order the kernel runs it:
+  //   entry: system call, copying the transfers in, queueing to the controller
+  //          and asserting chip select: spi_entry_ns + exponential(jitter mean);
+  //   each transfer: controller setup, then its bytes on the wire (bytes * 8 /
+  //          speed, with its word delays), then its delay_usecs; after a transfer
+  //          with cs_change other than the last, chip select is released for
+  //          kernel_cs_change_delay_ns;
+  //   return: completion, copying out, back to user space:
+  //          spi_return_ns + exponential(jitter mean);
+  // and, with the given probability, a uniform tail inserted at a random point
+  // of it (a preemption). The ioctl returns only at the end.
+  std::uint64_t spi_entry_ns = 3000;
+  std::uint64_t spi_entry_jitter_mean_ns = 3000;
+  std::uint64_t spi_transfer_setup_ns = 500;
+  std::uint64_t spi_return_ns = 4000;
+  std::uint64_t spi_return_jitter_mean_ns = 3000;
+  bool spi_wire_time = true;               // bytes * 8 / speed_hz on the wire
   double spi_tail_probability = 0.001;
   std::uint64_t spi_tail_min_ns = 150000;
   std::uint64_t spi_tail_max_ns = 400000;
-  // Interrupt stamp latency: min + exponential(mean) [+ uniform tail].
+  // Interrupt stamp latency: min + exponential(mean) [+ uniform tail]; the event
+  // becomes readable irq_readable_delay_ns after its stamp.
   std::uint64_t irq_latency_min_ns = 3000;
   std::uint64_t irq_latency_mean_ns = 9000;
   double irq_tail_probability = 0.002;
   std::uint64_t irq_tail_min_ns = 100000;
   std::uint64_t irq_tail_max_ns = 400000;
+  std::uint64_t irq_readable_delay_ns = 0;
   // Slow sinusoidal wander of the TMST oscillator around Config::tmst_drift_ppm.
   double drift_wander_ppm = 20.0;
   double drift_wander_period_s = 600.0;
@@ -81,6 +102,10 @@ struct Config {
   // TMST oscillator: positive ppm means the counter (and the ODR derived from the
   // same oscillator) runs fast against CLOCK_MONOTONIC_RAW.
   double tmst_drift_ppm = 0.0;
+  // Length of one TMST tick at zero drift: 1000 on a part clocked at 20.48 MHz,
+  // 1066.67 on one whose counter runs from a 19.2 MHz PLL. The ODR derives from
+  // the same clock, so FIFO timestamps still step by whole nominal periods.
+  double tmst_tick_ns = 1000.0;
   std::uint32_t tmst_initial_ticks = 0;      // 20-bit counter value at power-on
   bool spidev_present = true;
   std::string spidev_name = "spidev2.0";     // /dev entry of the sensor
@@ -100,6 +125,9 @@ struct Config {
   static Config ideal();
   // realistic profile, drift 2500 ppm with wander
   static Config realistic();
+  // realistic timing on a slower host: SPI messages of 15-55 us, interrupt
+  // stamps 5-65 us late and readable 25 us after, drift -85 ppm
+  static Config slow_host();
   // Defaults overlaid with the PELMOR_VBOARD_* variables (see docs/virtual-board.md).
   // Unparsable values are reported on stderr once and ignored.
   static Config from_environment();
@@ -133,6 +161,8 @@ std::size_t fifo_level_bytes();                 // bytes waiting in the FIFO
 // ---- SPI transfer log ---------------------------------------------------------
 
 struct SpiTransferRecord {
+  std::uint64_t raw_wire_start_ns = 0;          // first bit on the wire
+  std::uint64_t raw_wire_end_ns = 0;            // last bit on the wire
   std::uint32_t len = 0;
   std::uint32_t speed_hz = 0;                   // as submitted (0 = device default)
   std::uint8_t bits_per_word = 0;               // as submitted
@@ -174,7 +204,7 @@ struct SpiMessageRecord {
   std::uint64_t raw_start_ns = 0;               // ioctl entry
   std::uint64_t raw_end_ns = 0;                 // instant the message completes
   bool latched = false;                         // a TMST strobe latched in this message
-  std::uint64_t latch_raw_ns = 0;
+  std::uint64_t latch_raw_ns = 0;               // true instant: its strobe byte completed
   std::uint32_t latch_tmst = 0;                 // 20-bit value latched
   std::vector<SpiTransferRecord> transfers;
   std::vector<RegisterWrite> writes;

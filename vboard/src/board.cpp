@@ -280,9 +280,11 @@ int Board::spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint64_t 
     return -error;
   }
   const std::optional<std::uint64_t> stretch = faults.stretch_ns(kind);
-  const MessageTiming timing = timeline_.spi_message(xfers, n, wire_.speed_hz(), stretch, start);
-  wire_.exchange(xfers, n, start, slot,
-                 [&](const ByteEffects& effects) { byte_effects(effects, timing.latch_raw, slot, start); });
+  const MessageTiming& timing = timeline_.spi_message(xfers, n, wire_.speed_hz(), stretch);
+  SpiWire::log_timing(slot, timing, start);
+  wire_.exchange(xfers, n, start, slot, [&](const ByteEffects& effects, unsigned transfer, std::uint32_t byte) {
+    byte_effects(effects, timing.byte_done(start, transfer, byte), slot, start);
+  });
   const int result = faults.spi_result(kind, total);
   end = start + timing.duration;
   SpiWire::log_result(slot, result, end);

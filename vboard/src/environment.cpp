@@ -79,14 +79,31 @@ Config Config::realistic() {
   return c;
 }
 
+Config Config::slow_host() {
+  Config c = realistic();
+  c.tmst_drift_ppm = -85.0;
+  RealisticTiming& t = c.timing;
+  t.spi_entry_ns = 5000;
+  t.spi_entry_jitter_mean_ns = 5000;
+  t.spi_transfer_setup_ns = 1000;
+  t.spi_return_ns = 6000;
+  t.spi_return_jitter_mean_ns = 6000;
+  t.irq_latency_min_ns = 5000;
+  t.irq_latency_mean_ns = 12000;
+  t.irq_readable_delay_ns = 25000;
+  return c;
+}
+
 Config Config::from_environment() {
   Config c;
   if (const char* v = std::getenv("PELMOR_VBOARD_PROFILE")) {
     if (std::strcmp(v, "realistic") == 0) c = Config::realistic();
+    else if (std::strcmp(v, "slow-host") == 0) c = Config::slow_host();
     else if (std::strcmp(v, "ideal") != 0) complain("PELMOR_VBOARD_PROFILE", v);
   }
   env_unsigned("PELMOR_VBOARD_SEED", c.seed);
   env_double("PELMOR_VBOARD_DRIFT_PPM", c.tmst_drift_ppm);
+  env_double("PELMOR_VBOARD_TICK_NS", c.tmst_tick_ns);
   env_unsigned("PELMOR_VBOARD_TMST_START", c.tmst_initial_ticks);
   env_unsigned("PELMOR_VBOARD_WHO_AM_I", c.who_am_i);
   env_unsigned("PELMOR_VBOARD_FIFO_BYTES", c.fifo_capacity_bytes);
@@ -132,8 +149,11 @@ Config Config::from_environment() {
     if (ok) c.chips = chips; else complain("PELMOR_VBOARD_CHIPS", v);
   }
   RealisticTiming& r = c.timing;
-  env_unsigned("PELMOR_VBOARD_SPI_OVERHEAD_NS", r.spi_overhead_ns);
-  env_unsigned("PELMOR_VBOARD_SPI_JITTER_NS", r.spi_jitter_mean_ns);
+  env_unsigned("PELMOR_VBOARD_SPI_ENTRY_NS", r.spi_entry_ns);
+  env_unsigned("PELMOR_VBOARD_SPI_ENTRY_JITTER_NS", r.spi_entry_jitter_mean_ns);
+  env_unsigned("PELMOR_VBOARD_SPI_SETUP_NS", r.spi_transfer_setup_ns);
+  env_unsigned("PELMOR_VBOARD_SPI_RETURN_NS", r.spi_return_ns);
+  env_unsigned("PELMOR_VBOARD_SPI_RETURN_JITTER_NS", r.spi_return_jitter_mean_ns);
   env_bool("PELMOR_VBOARD_SPI_WIRE_TIME", r.spi_wire_time);
   env_double("PELMOR_VBOARD_SPI_TAIL_PROBABILITY", r.spi_tail_probability);
   env_unsigned("PELMOR_VBOARD_SPI_TAIL_MIN_NS", r.spi_tail_min_ns);
@@ -143,6 +163,7 @@ Config Config::from_environment() {
   env_double("PELMOR_VBOARD_IRQ_TAIL_PROBABILITY", r.irq_tail_probability);
   env_unsigned("PELMOR_VBOARD_IRQ_TAIL_MIN_NS", r.irq_tail_min_ns);
   env_unsigned("PELMOR_VBOARD_IRQ_TAIL_MAX_NS", r.irq_tail_max_ns);
+  env_unsigned("PELMOR_VBOARD_IRQ_READABLE_NS", r.irq_readable_delay_ns);
   env_double("PELMOR_VBOARD_WANDER_PPM", r.drift_wander_ppm);
   env_double("PELMOR_VBOARD_WANDER_PERIOD_S", r.drift_wander_period_s);
   MotionSignal& m = c.motion;

@@ -264,18 +264,20 @@ LineRequest* GpioChardev::earliest_pending(std::uint64_t& due) {
 void GpioChardev::schedule_event(LineRequest& line, std::uint32_t offset, std::uint32_t id, std::uint64_t raw,
                                  std::uint64_t edge_number, bool drop, SampleTruth* sample) {
   const std::uint64_t latency = timeline_.irq_latency();
-  const std::uint64_t due = std::max(raw + latency, line.last_due + 1);
+  const std::uint64_t readable = timeline_.irq_readable_delay();
+  const std::uint64_t due = std::max(raw + latency + readable, line.last_due + 1);
+  const std::uint64_t stamp = due - readable;
   line.last_due = due;
   PendingEvent pe;
   pe.due_raw = due;
-  pe.stamp_raw = timeline_.to_monotonic(due);  // kept on CLOCK_MONOTONIC from here on
+  pe.stamp_raw = timeline_.to_monotonic(stamp);  // kept on CLOCK_MONOTONIC from here on
   pe.id = id;
   pe.offset = offset;
   pe.edge_number = edge_number;
   pe.drop = drop;
   line.pending.push_back(pe);
   if (sample != nullptr) {
-    sample->irq_latency_ns = due - raw;
+    sample->irq_latency_ns = stamp - raw;
     if (!drop) sample->event_monotonic_ns = pe.stamp_raw;
   }
   if (EdgeTruth* e = records_.edge_truth.find(edge_number)) {

@@ -157,6 +157,7 @@ LogSlot* SpiWire::log_message(SpiMessageKind kind, const spi_ioc_transfer* xfers
   for (unsigned i = 0; i < n; ++i) {
     const spi_ioc_transfer& x = xfers[i];
     SpiTransferRecord& t = r.transfers[i];
+    t.raw_wire_start_ns = t.raw_wire_end_ns = 0;
     t.len = x.len;
     t.speed_hz = x.speed_hz;
     t.bits_per_word = x.bits_per_word;
@@ -180,6 +181,14 @@ void SpiWire::log_failure(LogSlot* slot, int error, std::uint64_t start) {
   slot->record.result = -1;
   slot->record.error_number = error;
   slot->record.raw_end_ns = start;
+}
+
+void SpiWire::log_timing(LogSlot* slot, const MessageTiming& timing, std::uint64_t start) {
+  if (slot == nullptr) return;
+  for (std::size_t i = 0; i < timing.wires.size() && i < slot->record.transfers.size(); ++i) {
+    slot->record.transfers[i].raw_wire_start_ns = start + timing.wires[i].start;
+    slot->record.transfers[i].raw_wire_end_ns = start + timing.wires[i].end;
+  }
 }
 
 void SpiWire::log_latch(LogSlot* slot, std::uint64_t latch_raw, std::uint32_t value) {

@@ -14,6 +14,7 @@
 #include "faults.hpp"
 #include "records.hpp"
 #include "sensor.hpp"
+#include "timeline.hpp"
 
 namespace pelmor_vboard::detail {
 
@@ -51,11 +52,12 @@ class SpiWire {
 
   LogSlot* log_message(SpiMessageKind kind, const spi_ioc_transfer* xfers, unsigned n, std::uint64_t start);
   static void log_failure(LogSlot* slot, int error, std::uint64_t start);
+  static void log_timing(LogSlot* slot, const MessageTiming& timing, std::uint64_t start);
   static void log_latch(LogSlot* slot, std::uint64_t latch_raw, std::uint32_t value);
   static void log_result(LogSlot* slot, int result, std::uint64_t end);
 
-  // Clocks the message through the sensor at `now`; `on_effects(effects)` runs
-  // after each byte that asked for more than a register change.
+  // Clocks the message through the sensor at `now`; `on_effects(effects,
+  // transfer, byte)` runs after each byte that asked for more than a register change.
   template <typename OnEffects>
   void exchange(const spi_ioc_transfer* xfers, unsigned n, std::uint64_t now, LogSlot* slot, OnEffects&& on_effects);
 
@@ -90,7 +92,7 @@ void SpiWire::exchange(const spi_ioc_transfer* xfers, unsigned n, std::uint64_t 
       ByteEffects effects;
       const std::uint8_t in = byte(tx != nullptr ? tx[b] : 0, understood, now, slot, effects);
       if (effects.soft_reset || effects.strobe || effects.sampling_changed || effects.int_status_read) {
-        on_effects(effects);
+        on_effects(effects, i, b);
       }
       if (rx != nullptr) rx[b] = in;
       if (rx_log != nullptr) (*rx_log)[b] = in;

@@ -51,7 +51,10 @@ void Timeline::reset(std::uint64_t now) {
 }
 
 void Timeline::apply_profile() {
-  osc_.rebase(std::max(model_now_, osc_.base_raw), config_.tmst_drift_ppm * 1e-6,
+  // A longer tick is a slower clock: it counts like a negative drift.
+  const double tick_ns = config_.tmst_tick_ns > 0.0 ? config_.tmst_tick_ns : 1000.0;
+  const double rate = (1.0 + config_.tmst_drift_ppm * 1e-6) * 1000.0 / tick_ns;
+  osc_.rebase(std::max(model_now_, osc_.base_raw), rate - 1.0,
               realistic() ? config_.timing.drift_wander_ppm * 1e-6 : 0.0, config_.timing.drift_wander_period_s * 1e9);
   if (sampling_) next_sample_raw_ = osc_.raw_at(next_tick_);
 }
@@ -129,38 +132,69 @@ std::uint64_t Timeline::irq_latency() {
   return static_cast<std::uint64_t>(ns);
 }
 
-MessageTiming Timeline::spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint32_t default_speed_hz,
-                                    std::optional<std::uint64_t> stretch_ns, std::uint64_t start) {
-  std::uint64_t duration = 0;
-  for (unsigned i = 0; i < n; ++i) {
-    duration += static_cast<std::uint64_t>(xfers[i].delay_usecs) * 1000;
-    if (xfers[i].len > 1) duration += static_cast<std::uint64_t>(xfers[i].word_delay_usecs) * 1000 * (xfers[i].len - 1);
+namespace {
+
+// Shifts every instant of the message at or after `at` by `extra`.
+void insert_pause(MessageTiming& m, std::uint64_t at, std::uint64_t extra) {
+  for (MessageTiming::Wire& w : m.wires) {
+    if (w.start >= at) {
+      w.start += extra;
+      w.end += extra;
+    }
   }
+  m.duration += extra;
+}
+
+}  // namespace
+
+const MessageTiming& Timeline::spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint32_t default_speed_hz,
+                                           std::optional<std::uint64_t> stretch_ns) {
+  MessageTiming& m = message_;
+  m.wires.assign(n, MessageTiming::Wire{});
+  m.duration = 0;
   // The draws come in a fixed order so that a seed replays the same run.
-  bool random_latch = false;
-  if (realistic()) {
-    const RealisticTiming& r = config_.timing;
-    double ns = static_cast<double>(r.spi_overhead_ns) + rng_.exponential(static_cast<double>(r.spi_jitter_mean_ns));
-    if (r.spi_wire_time) {
-      for (unsigned i = 0; i < n; ++i) {
-        const double hz = static_cast<double>(xfers[i].speed_hz != 0 ? xfers[i].speed_hz : default_speed_hz);
-        ns += static_cast<double>(xfers[i].len) * 8.0 * 1e9 / hz;
+  if (!realistic()) {
+    // The transfers' own delays only; every byte is done at the entry, or, in a
+    // stretched message, at one random point of it.
+    for (unsigned i = 0; i < n; ++i) {
+      m.duration += static_cast<std::uint64_t>(xfers[i].delay_usecs) * 1000;
+      if (xfers[i].len > 1) {
+        m.duration += static_cast<std::uint64_t>(xfers[i].word_delay_usecs) * 1000 * (xfers[i].len - 1);
       }
     }
-    if (rng_.chance(r.spi_tail_probability))
-      ns += static_cast<double>(rng_.between(r.spi_tail_min_ns, r.spi_tail_max_ns));
-    duration += static_cast<std::uint64_t>(ns);
-    random_latch = true;
+    if (stretch_ns) {
+      m.duration += *stretch_ns;
+      const auto at = static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration));
+      for (MessageTiming::Wire& w : m.wires) w.start = w.end = at;
+    }
+    return m;
+  }
+
+  const RealisticTiming& r = config_.timing;
+  std::uint64_t t = r.spi_entry_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_entry_jitter_mean_ns)));
+  for (unsigned i = 0; i < n; ++i) {
+    const spi_ioc_transfer& x = xfers[i];
+    MessageTiming::Wire& w = m.wires[i];
+    t += r.spi_transfer_setup_ns;
+    const std::uint32_t hz = x.speed_hz != 0 ? x.speed_hz : default_speed_hz;
+    w.byte = r.spi_wire_time && hz != 0 ? 8ULL * 1000000000ULL / hz : 0;
+    w.stride = w.byte + static_cast<std::uint64_t>(x.word_delay_usecs) * 1000;
+    w.start = t;
+    if (x.len > 0) t += static_cast<std::uint64_t>(x.len - 1) * w.stride + w.byte;
+    w.end = t;
+    t += static_cast<std::uint64_t>(x.delay_usecs) * 1000;
+    if (x.cs_change != 0 && i + 1 < n) t += kernel_cs_change_delay_ns;
+  }
+  t += r.spi_return_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_return_jitter_mean_ns)));
+  m.duration = t;
+  if (rng_.chance(r.spi_tail_probability)) {
+    const std::uint64_t extra = rng_.between(r.spi_tail_min_ns, r.spi_tail_max_ns);
+    insert_pause(m, static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration)), extra);
   }
   if (stretch_ns) {
-    duration += *stretch_ns;
-    random_latch = true;
+    insert_pause(m, static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration)), *stretch_ns);
   }
-  MessageTiming timing;
-  timing.duration = duration;
-  timing.latch_raw =
-      random_latch ? start + static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(duration)) : start;
-  return timing;
+  return m;
 }
 
 }  // namespace pelmor_vboard::detail

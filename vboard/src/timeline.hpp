@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <vector>
 
 #include "oscillator.hpp"
 #include "pelmor_vboard.hpp"
@@ -25,9 +26,22 @@ std::uint64_t realtime_now();
 // Holds the calling thread until `target` on CLOCK_MONOTONIC_RAW.
 void wait_until_raw(std::uint64_t target);
 
+// When each byte of one SPI message completes, relative to the ioctl's entry.
 struct MessageTiming {
-  std::uint64_t duration = 0;
-  std::uint64_t latch_raw = 0;  // where a strobe in the message latches
+  struct Wire {
+    std::uint64_t start = 0;    // first bit
+    std::uint64_t stride = 0;   // from one byte's start to the next (byte time + word delay)
+    std::uint64_t byte = 0;     // one byte on the wire
+    std::uint64_t end = 0;      // last bit
+  };
+  std::uint64_t duration = 0;   // entry to return
+  std::vector<Wire> wires;      // one per transfer
+
+  // Instant at which byte `b` of transfer `i` has been clocked out.
+  std::uint64_t byte_done(std::uint64_t start_raw, unsigned i, std::uint32_t b) const {
+    const Wire& w = wires[i];
+    return start_raw + w.start + static_cast<std::uint64_t>(b) * w.stride + w.byte;
+  }
 };
 
 class Timeline {
@@ -67,8 +81,11 @@ class Timeline {
   std::uint64_t to_monotonic(std::uint64_t raw) const { return raw + mono_minus_raw_; }
 
   std::uint64_t irq_latency();
-  MessageTiming spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint32_t default_speed_hz,
-                            std::optional<std::uint64_t> stretch_ns, std::uint64_t start);
+  std::uint64_t irq_readable_delay() const { return realistic() ? config_.timing.irq_readable_delay_ns : 0; }
+  // The timing of one message (relative to its entry); the stretch of a fault
+  // is inserted at a random point of it.
+  const MessageTiming& spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint32_t default_speed_hz,
+                                   std::optional<std::uint64_t> stretch_ns);
 
  private:
   bool realistic() const { return config_.profile == Profile::realistic; }
@@ -87,6 +104,7 @@ class Timeline {
   std::uint64_t next_sample_raw_ = never;
   std::uint64_t samples_since_power_ = 0;
   std::deque<std::uint64_t> spurious_;  // RAW instants, earliest first
+  MessageTiming message_;               // reused by every message
 };
 
 }  // namespace pelmor_vboard::detail
