@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "timing/bracket_line.hpp"
+#include "timing/line_spread.hpp"
 #include "timing/tmst_mapping.hpp"
 
 namespace pelmor_lusk {
@@ -171,7 +172,7 @@ namespace {
 
 // The line through the anchors into r (mean_tick, slope, intercept): least
 // squares through the midpoints, or the bracket line. False when degenerate.
-bool fit_line(std::span<const TmstAnchor> anchors, bool bracket_fit, TmstFit& r) {
+bool fit_line(std::span<const TmstAnchor> anchors, bool bracket_fit, TmstFit& r, bool& brackets_agree) {
   binary128 sum_tick = 0;
   binary128 sum_mid = 0;
   for (const TmstAnchor& a : anchors) {
@@ -196,6 +197,7 @@ bool fit_line(std::span<const TmstAnchor> anchors, bool bracket_fit, TmstFit& r)
     // Every gate judges this line as it would the midpoint one.
     const BracketLine line = fit_bracket_line(anchors);
     if (!line.valid) return false;
+    brackets_agree = !(line.widening_ns > 0);
     r.slope_ns_per_tick = line.slope_ns_per_tick;
     r.intercept_ns = line.intercept_ns;
   } else {
@@ -255,7 +257,8 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   if (r.span_ticks < tmst_min_span_ticks) return reject(FitRejectReason::insufficient_span, false);
 
   const std::span<const TmstAnchor> window = anchors();
-  if (!fit_line(window, bracket_fit_, r)) return reject(FitRejectReason::degenerate_fit, false);
+  bool brackets_agree = false;
+  if (!fit_line(window, bracket_fit_, r, brackets_agree)) return reject(FitRejectReason::degenerate_fit, false);
   std::uint64_t disagreement_ns = 0;
   if (!measure_residuals(window, bracket_fit_, r, disagreement_ns)) {
     return reject(FitRejectReason::prediction_overflow, false);
@@ -274,6 +277,7 @@ bool TmstMapper::refit(std::uint64_t residual_limit_ns) {
   r.reject_reason = FitRejectReason::none;
   fit_ = r;
   last_rejected_ = TmstFit{};
+  brackets_agree_ = brackets_agree;
   return true;
 }
 
@@ -313,6 +317,45 @@ bool TmstMapper::wants_early_anchor(std::uint64_t tick) const noexcept {
   if (!bracket_fit_ || !fit_.valid || tick <= fit_.last_tick) return false;
   const std::uint64_t ahead = tick - fit_.last_tick;
   return ahead >= tmst_early_anchor_min_ticks && ahead > fit_.span_ticks / 4;
+}
+
+}  // namespace pelmor_lusk
+
+namespace pelmor_lusk {
+
+std::span<const UpperBound> TmstMapper::upper_bounds_in_window() const noexcept {
+  // Bounds older than the window's first anchor speak of a stretch of the clock
+  // the line no longer covers.
+  std::size_t first = 0;
+  while (first < bound_count_ && count_ > 0 && bounds_[first].tick < anchors_[0].tick) ++first;
+  return std::span(bounds_).subspan(first, bound_count_ - first);
+}
+
+std::optional<std::uint32_t> TmstMapper::bound_sample(std::uint64_t tick, std::uint64_t mapped_ns,
+                                                      std::uint64_t stamp_ns) {
+  if (!bracket_fit_ || !fit_.valid || !brackets_agree_) return std::nullopt;
+  LineSpread spread = line_spread_at(anchors(), upper_bounds_in_window(), tick);
+  if (!spread.feasible) return std::nullopt;
+  // A stamp below every line the brackets allow is on the wrong side of the
+  // truth (a mispaired or spurious edge): it stays out.
+  const binary128 stamp = to_q(stamp_ns);
+  if (!(stamp < spread.low_ns) && (bound_count_ == 0 || tick > bounds_[bound_count_ - 1].tick)) {
+    if (bound_count_ == bounds_.size()) {
+      std::copy(bounds_.begin() + 1, bounds_.end(), bounds_.begin());
+      bound_count_ -= 1;
+    }
+    bounds_[bound_count_++] = UpperBound{tick, stamp_ns};
+    if (stamp < spread.high_ns) spread.high_ns = stamp;
+  }
+  const binary128 m = to_q(mapped_ns);
+  const binary128 above = spread.high_ns - m;
+  const binary128 below = m - spread.low_ns;
+  binary128 reach = above > below ? above : below;
+  if (reach < 0) reach = 0;
+  // One tick of quantization, at the fitted tick length.
+  const binary128 us = ceil_q((reach + ceil_q(fit_.slope_ns_per_tick)) / 1000);
+  if (!(us < to_q(std::uint64_t{UINT32_MAX}))) return std::nullopt;
+  return static_cast<std::uint32_t>(to_u64(us));
 }
 
 }  // namespace pelmor_lusk

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -32,6 +33,8 @@ enum class FitRejectReason : std::uint32_t {
 const char* fit_reject_reason_name(FitRejectReason reason) noexcept;
 
 inline constexpr std::size_t tmst_anchor_capacity = 16;
+// The newest INT1 stamps kept as upper bounds on the line.
+inline constexpr std::size_t tmst_upper_bound_capacity = 8;
 inline constexpr std::uint32_t tmst_min_fit_anchors = 4;
 inline constexpr std::uint64_t tmst_min_span_ticks = 10000;
 inline constexpr std::uint64_t tmst_max_half_window_ns = 100000;
@@ -67,6 +70,13 @@ struct TmstAnchor {
 // the snapshot message needs before and after it. A bracket shorter than that
 // least time was not measured around such a message and is kept whole.
 TmstAnchor narrowed_to_latch(const TmstAnchor& anchor, const LatchMargins& latch) noexcept;
+
+// A RAW instant the line cannot be above at its tick: an INT1 edge is stamped
+// no earlier than its sample.
+struct UpperBound {
+  std::uint64_t tick = 0;
+  std::uint64_t raw_ns = 0;
+};
 
 struct TmstFit {
   bool valid = false;
@@ -112,6 +122,14 @@ class TmstMapper {
   // against it refuse precise anchors, so it would never heal by itself.
   bool outshone_by(const TmstAnchor& fresh) const noexcept;
 
+  // With the bracket fit only, while the brackets agree on a line: how far the
+  // truth can be from mapped_ns at tick, in whole us rounded up: the farther end
+  // of the set of lines through every bracket and under every upper bound, plus
+  // one tick. The sample's own INT1 stamp (RAW, carried up by its bridge's half
+  // window) joins the bounds first, unless it lies below every line the
+  // brackets allow. Nothing when no such set is known.
+  std::optional<std::uint32_t> bound_sample(std::uint64_t tick, std::uint64_t mapped_ns, std::uint64_t stamp_ns);
+
   const TmstFit& fit() const noexcept { return fit_; }
   const TmstFit& last_rejected() const noexcept { return last_rejected_; }
   std::span<const TmstAnchor> anchors() const noexcept { return std::span(anchors_).first(count_); }
@@ -125,6 +143,7 @@ class TmstMapper {
   // above); true when one was removed. The fit is left as it was.
   bool drop_wide_anchor();
   bool refuse(FitRejectReason reason) noexcept;
+  std::span<const UpperBound> upper_bounds_in_window() const noexcept;
 
   std::array<TmstAnchor, tmst_anchor_capacity> anchors_{};  // oldest first
   std::uint32_t count_ = 0;
@@ -132,6 +151,9 @@ class TmstMapper {
   TmstFit last_rejected_{};
   bool bracket_fit_ = false;
   LatchMargins latch_{};
+  bool brackets_agree_ = false;  // some line passes through every bracket
+  std::array<UpperBound, tmst_upper_bound_capacity> bounds_{};  // oldest first
+  std::size_t bound_count_ = 0;
 };
 
 // The sensor's counter extended from its bit width to a monotonic 64-bit tick.

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "timing/bracket_line.hpp"
+#include "timing/line_spread.hpp"
 #include "timing/tmst_mapper.hpp"
 #include "timing/tmst_mapping.hpp"
 #include "timing_test_support.hpp"
@@ -166,6 +167,79 @@ TEST(LatchBracket, TheKernelsLateMidpointIsGoneAndTheBoundTightens) {
   EXPECT_LE(distance(latched.raw_ns, true_raw(tick)), 3000U);
   EXPECT_LE(distance(latched.raw_ns, true_raw(tick)), std::uint64_t{latched.uncertainty_us} * 1000);
   EXPECT_LT(latched.uncertainty_us + 10, late.uncertainty_us);
+}
+
+TEST(LineSpread, ChordsBetweenBracketsRaysBeyondThemAndBoundsFromAbove) {
+  // Two 100 ns brackets 1000 ticks apart, on 1000 ns per tick.
+  const TmstAnchor two[] = {TmstAnchor{1000, 1000000, 1000100}, TmstAnchor{2000, 2000000, 2000100}};
+  const auto at = [&](std::uint64_t tick, std::span<const UpperBound> bounds = {}) {
+    return line_spread_at(two, bounds, tick);
+  };
+  LineSpread s = at(1500);
+  ASSERT_TRUE(s.feasible);
+  EXPECT_EQ(to_double(s.low_ns), 1500000.0);
+  EXPECT_EQ(to_double(s.high_ns), 1500100.0);
+  s = at(3000);  // beyond: the steepest and the flattest line through both
+  EXPECT_EQ(to_double(s.high_ns), 3000200.0);
+  EXPECT_EQ(to_double(s.low_ns), 2999900.0);
+  s = at(0);  // before both, mirrored
+  EXPECT_EQ(to_double(s.high_ns), 200.0);
+  EXPECT_EQ(to_double(s.low_ns), -100.0);
+  s = at(2000);
+  EXPECT_EQ(to_double(s.high_ns), 2000100.0);
+
+  // An edge stamped 20 ns after the line's lowest reach at 3000 caps the top
+  // there and, through the first bracket, beyond it.
+  const UpperBound stamp[] = {UpperBound{3000, 2999920}};
+  s = at(3000, stamp);
+  ASSERT_TRUE(s.feasible);
+  EXPECT_EQ(to_double(s.high_ns), 2999920.0);
+  EXPECT_LT(to_double(at(4000, stamp).high_ns), to_double(at(4000).high_ns));
+  EXPECT_EQ(to_double(at(4000, stamp).low_ns), to_double(at(4000).low_ns)) << "a bound from above never lifts the bottom";
+  // One below every line the brackets allow: nothing passes.
+  const UpperBound wrong[] = {UpperBound{3000, 2999800}};
+  EXPECT_FALSE(at(3000, wrong).feasible);
+  EXPECT_FALSE(line_spread_at(std::span<const TmstAnchor>{}, {}, 10).feasible);
+}
+
+TEST(LatchBracket, StatedBoundHoldsTightensWithStampsAndRefusesAWrongSideOne) {
+  // Kernel-like brackets around a 2500 ppm fast counter, one return preempted
+  // for 60 us; edges stamped 3-40 us after their samples; one spurious edge
+  // stamped 2 ms before its sample is offered too.
+  const LatchMargins kernel{1600, 24800};
+  const auto true_raw = [](std::uint64_t tick) {
+    return base_raw_ns + static_cast<std::uint64_t>(static_cast<double>(tick) * (1000.0 / 1.0025));
+  };
+  std::mt19937_64 rng(3);
+  std::uniform_int_distribution<std::uint64_t> entry(3000, 9000), back(4000, 10000), latency(3000, 40000);
+  TmstMapper m(true, kernel);
+  std::uint64_t judged = 0, tight_sum = 0, sum_sum = 0;
+  for (std::uint64_t i = 0; i < 64; ++i) {
+    const std::uint64_t anchor_tick = i * 80000;
+    const std::uint64_t latch = true_raw(anchor_tick);
+    const std::uint64_t late = i == 9 ? 60000 : 0;
+    m.add_anchor(TmstAnchor{anchor_tick, latch - kernel.before_ns - entry(rng), latch + kernel.after_ns + back(rng) + late},
+                 tmst_establish_residual_limit_ns);
+    if (!m.fit().valid) continue;
+    for (std::uint64_t k = 1; k <= 16; ++k) {
+      const std::uint64_t tick = anchor_tick + k * 5000;
+      const TmstMapping mapped = map_tmst_to_raw(m.fit(), tick, 0);
+      const bool spurious = i == 20 && k == 3;
+      const std::uint64_t stamp = spurious ? true_raw(tick) - 2000000 : true_raw(tick) + latency(rng);
+      const std::optional<std::uint32_t> bound = m.bound_sample(tick, mapped.raw_ns, stamp);
+      ASSERT_TRUE(bound.has_value()) << "anchor " << i;
+      EXPECT_LE(distance(mapped.raw_ns, true_raw(tick)), std::uint64_t{*bound} * 1000) << "anchor " << i << " +" << k;
+      EXPECT_LE(*bound, mapped.uncertainty_us);
+      tight_sum += *bound;
+      sum_sum += mapped.uncertainty_us;
+      ++judged;
+    }
+  }
+  EXPECT_GT(judged, 900U);
+  EXPECT_LT(tight_sum * 2, sum_sum) << "on average less than half the specified sum";
+  TmstMapper midpoint(false);
+  midpoint.add_anchor(ideal(0), 50000);
+  EXPECT_FALSE(midpoint.bound_sample(0, base_raw_ns, base_raw_ns).has_value()) << "only with the bracket fit";
 }
 
 class StatedUncertainty : public testing::TestWithParam<bool> {};
