@@ -317,7 +317,7 @@ TEST(FailedSnapshot, PutsBank0BackOnceExceptInThePeriodicRefresh) {
   // rebuilt, or a re-arm after a late edge), which restores once as well: such
   // a run is repeated until the refresh itself has failed.
   bool refresh_failed = false;
-  for (int attempt = 0; attempt < 4 && !refresh_failed; ++attempt) {
+  for (int attempt = 0; attempt < 8 && !refresh_failed; ++attempt) {
     vb::reset(config);
     BoardClient streaming(25);
     testing::internal::CaptureStderr();
