@@ -119,6 +119,12 @@ TEST(CheckJudgements, TimingSpreadsAgainstTheGate) {
   const CheckResult wide = judge_snapshots(stream, 100'000);
   EXPECT_EQ(wide.status, Status::fail);
   EXPECT_THAT(wide.detail, HasSubstr("p99 100.0 us, max 100.0 us (gate 100.0 us)"));
+  // A lone stretched message in a short run warns; a second one fails.
+  stream.snapshot_half_windows_ns.assign(30, 20'000);
+  stream.snapshot_half_windows_ns[7] = 174'000;
+  EXPECT_EQ(judge_snapshots(stream, 100'000).status, Status::warn);
+  stream.snapshot_half_windows_ns[8] = 100'001;
+  EXPECT_EQ(judge_snapshots(stream, 100'000).status, Status::fail);
   // No edge, no bridge to judge; snapshots do not need edges.
   stream.edges = 0;
   EXPECT_THAT(judge_bridge(stream, 100'000).detail, HasSubstr("not checked: no INT1 edge"));

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +45,11 @@ CheckResult judge_spread(const std::string& name, const std::vector<std::uint64_
   if (values.empty()) return result(name, Status::fail, std::string("no ") + what + " measured", timing_remedy);
   const Spread s = spread_of(values);
   const std::string detail = spread_text(s, what) + " (gate " + microseconds(gate_ns) + ")";
-  if (s.p99 > gate_ns) return result(name, Status::fail, detail, timing_remedy);
+  // A lone stretched message in a short run is what any host without an
+  // isolated core shows, and the driver retries it: only a habit fails.
+  const auto over = static_cast<std::size_t>(
+      std::count_if(values.begin(), values.end(), [gate_ns](std::uint64_t v) { return v > gate_ns; }));
+  if (over >= 2 && over * 100 > values.size()) return result(name, Status::fail, detail, timing_remedy);
   if (s.max > gate_ns || s.p99 > gate_ns / 2) return result(name, Status::warn, detail, timing_remedy);
   return result(name, Status::pass, detail);
 }
