@@ -312,23 +312,24 @@ TEST(FailedSnapshot, PutsBank0BackOnceExceptInThePeriodicRefresh) {
       << log;
   EXPECT_EQ(restores_after_failure(), 1U);
 
-  // Once streaming, the next snapshot normally is the periodic refresh at the
-  // sixteenth sample. A slow or loaded machine may take another first (a map
-  // rebuilt, or a re-arm after a late edge), which restores once as well: such
-  // a run is repeated until the refresh itself has failed.
+  // Once streaming, the next snapshot normally is the periodic refresh every
+  // sixteenth sample. A loaded machine may take another first: the young map's
+  // brackets widen and it refreshes early, or a late edge re-arms. Those restore
+  // once as well; such a run is repeated until a periodic refresh has failed.
+  // Past the first refresh the map spans long enough that early ones are rare.
   bool refresh_failed = false;
   for (int attempt = 0; attempt < 8 && !refresh_failed; ++attempt) {
     vb::reset(config);
     BoardClient streaming(25);
     testing::internal::CaptureStderr();
     ASSERT_EQ(pelmor_test::start_on_board(streaming.handle), PELMOR_OK);
-    ASSERT_TRUE(streaming.wait_for_samples(8, 10s));
+    ASSERT_TRUE(streaming.wait_for_samples(17, 10s));
     vb::fail_spi_message(vb::SpiMessageKind::tmst_snapshot, EIO, vb::Trigger::once());
     EXPECT_TRUE(streaming.wait_until_stopped(10s));
     pelmor_stop(streaming.handle);
     log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(lines_starting_with(log, "imu worker fatal: failed to read TMST snapshot SPI message").size(), 1U) << log;
-    refresh_failed = streaming.sample_count() == 16U;
+    refresh_failed = streaming.sample_count() % 16U == 0U;
     EXPECT_EQ(restores_after_failure(), refresh_failed ? 2U : 1U) << streaming.sample_count() << " samples";
   }
   EXPECT_TRUE(refresh_failed);
