@@ -164,7 +164,7 @@ TEST(VboardSensor, SnapshotMessageLatchesInsideItsBracket) {
   EXPECT_TRUE(log[0].transfers[1].cs_change);
   EXPECT_FALSE(log[0].transfers[2].cs_change);
   ASSERT_TRUE(log[0].latched);
-  EXPECT_EQ(log[0].latch_raw_ns, log[0].raw_start_ns) << "ideal: at the ioctl";
+  EXPECT_EQ(log[0].latch_raw_ns, log[0].raw_start_ns + 1600) << "ideal: when the strobe's two bytes are out";
   EXPECT_GE(log[0].latch_raw_ns, a.before);
   EXPECT_LE(log[0].latch_raw_ns, a.after);
   EXPECT_EQ(log[0].latch_tmst, a.ticks);

@@ -145,6 +145,26 @@ void insert_pause(MessageTiming& m, std::uint64_t at, std::uint64_t extra) {
   m.duration += extra;
 }
 
+// Lays the transfers out in order from `t`: set-up, bytes on the wire, the
+// transfer's own delay, and the chip-select pause after a cs_change but the last.
+std::uint64_t lay_out_transfers(MessageTiming& m, const spi_ioc_transfer* xfers, unsigned n,
+                                std::uint32_t default_speed_hz, std::uint64_t t, std::uint64_t setup_ns, bool wire_time) {
+  for (unsigned i = 0; i < n; ++i) {
+    const spi_ioc_transfer& x = xfers[i];
+    MessageTiming::Wire& w = m.wires[i];
+    t += setup_ns;
+    const std::uint32_t hz = x.speed_hz != 0 ? x.speed_hz : default_speed_hz;
+    w.byte = wire_time && hz != 0 ? 8ULL * 1000000000ULL / hz : 0;
+    w.stride = w.byte + static_cast<std::uint64_t>(x.word_delay_usecs) * 1000;
+    w.start = t;
+    if (x.len > 0) t += static_cast<std::uint64_t>(x.len - 1) * w.stride + w.byte;
+    w.end = t;
+    t += static_cast<std::uint64_t>(x.delay_usecs) * 1000;
+    if (x.cs_change != 0 && i + 1 < n) t += kernel_cs_change_delay_ns;
+  }
+  return t;
+}
+
 }  // namespace
 
 const MessageTiming& Timeline::spi_message(const spi_ioc_transfer* xfers, unsigned n, std::uint32_t default_speed_hz,
@@ -154,42 +174,40 @@ const MessageTiming& Timeline::spi_message(const spi_ioc_transfer* xfers, unsign
   m.duration = 0;
   // The draws come in a fixed order so that a seed replays the same run.
   if (!realistic()) {
-    // The transfers' own delays only; every byte is done at the entry, or, in a
-    // stretched message, at one random point of it.
-    for (unsigned i = 0; i < n; ++i) {
-      m.duration += static_cast<std::uint64_t>(xfers[i].delay_usecs) * 1000;
-      if (xfers[i].len > 1) {
-        m.duration += static_cast<std::uint64_t>(xfers[i].word_delay_usecs) * 1000 * (xfers[i].len - 1);
+    bool changes_cs = false;
+    for (unsigned i = 0; i + 1 < n; ++i) changes_cs = changes_cs || xfers[i].cs_change != 0;
+    if (changes_cs) {
+      // No host overheads, but the least a message that releases chip select
+      // takes on any kernel: its wire time and the pauses. A bracket then never
+      // holds the latch closer to its ends than hardware allows.
+      m.duration = lay_out_transfers(m, xfers, n, default_speed_hz, 0, 0, true);
+    } else {
+      // The transfers' own delays only; every byte is done at the entry, or, in
+      // a stretched message, at one random point of it.
+      for (unsigned i = 0; i < n; ++i) {
+        m.duration += static_cast<std::uint64_t>(xfers[i].delay_usecs) * 1000;
+        if (xfers[i].len > 1) {
+          m.duration += static_cast<std::uint64_t>(xfers[i].word_delay_usecs) * 1000 * (xfers[i].len - 1);
+        }
       }
+      if (stretch_ns) {
+        m.duration += *stretch_ns;
+        const auto at = static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration));
+        for (MessageTiming::Wire& w : m.wires) w.start = w.end = at;
+      }
+      return m;
     }
-    if (stretch_ns) {
-      m.duration += *stretch_ns;
-      const auto at = static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration));
-      for (MessageTiming::Wire& w : m.wires) w.start = w.end = at;
+  } else {
+    const RealisticTiming& r = config_.timing;
+    std::uint64_t t =
+        r.spi_entry_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_entry_jitter_mean_ns)));
+    t = lay_out_transfers(m, xfers, n, default_speed_hz, t, r.spi_transfer_setup_ns, r.spi_wire_time);
+    t += r.spi_return_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_return_jitter_mean_ns)));
+    m.duration = t;
+    if (rng_.chance(r.spi_tail_probability)) {
+      const std::uint64_t extra = rng_.between(r.spi_tail_min_ns, r.spi_tail_max_ns);
+      insert_pause(m, static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration)), extra);
     }
-    return m;
-  }
-
-  const RealisticTiming& r = config_.timing;
-  std::uint64_t t = r.spi_entry_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_entry_jitter_mean_ns)));
-  for (unsigned i = 0; i < n; ++i) {
-    const spi_ioc_transfer& x = xfers[i];
-    MessageTiming::Wire& w = m.wires[i];
-    t += r.spi_transfer_setup_ns;
-    const std::uint32_t hz = x.speed_hz != 0 ? x.speed_hz : default_speed_hz;
-    w.byte = r.spi_wire_time && hz != 0 ? 8ULL * 1000000000ULL / hz : 0;
-    w.stride = w.byte + static_cast<std::uint64_t>(x.word_delay_usecs) * 1000;
-    w.start = t;
-    if (x.len > 0) t += static_cast<std::uint64_t>(x.len - 1) * w.stride + w.byte;
-    w.end = t;
-    t += static_cast<std::uint64_t>(x.delay_usecs) * 1000;
-    if (x.cs_change != 0 && i + 1 < n) t += kernel_cs_change_delay_ns;
-  }
-  t += r.spi_return_ns + static_cast<std::uint64_t>(rng_.exponential(static_cast<double>(r.spi_return_jitter_mean_ns)));
-  m.duration = t;
-  if (rng_.chance(r.spi_tail_probability)) {
-    const std::uint64_t extra = rng_.between(r.spi_tail_min_ns, r.spi_tail_max_ns);
-    insert_pause(m, static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration)), extra);
   }
   if (stretch_ns) {
     insert_pause(m, static_cast<std::uint64_t>(rng_.uniform() * static_cast<double>(m.duration)), *stretch_ns);
