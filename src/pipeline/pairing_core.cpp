@@ -177,9 +177,19 @@ SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedE
   accounting_.record_accepted_sample();
   drop_run_ = 0;
 
+  // With the bracket fit, the uncertainty stated is how far the lines the
+  // brackets and the edge stamps allow reach at this tick; the gate above
+  // judged the sum as always. The stamp is no earlier than its sample.
+  TmstMapping mapping = outcome.mapping;
+  const std::uint64_t stamp_bound =
+      event.raw_ns + event.half_window_ns < event.raw_ns ? UINT64_MAX : event.raw_ns + event.half_window_ns;
+  if (const std::optional<std::uint32_t> tight = timebase_.bound_sample(gate.candidate_tick, mapped_ns, stamp_bound)) {
+    mapping.uncertainty_us = *tight;
+  }
+
   if (decimator_.admit()) {
     verdict.action = SampleAction::emit;
-    fill_sample(packet, event, outcome.mapping, verdict.sample);
+    fill_sample(packet, event, mapping, verdict.sample);
   }
   return verdict;
 }
