@@ -169,23 +169,25 @@ SampleVerdict PairingCore::judge_mapped(const FifoPacket& packet, const BridgedE
   if (sentinel) return startup_sentinel();
   startup_sentinel_count_ = 0;
 
-  if (last_mapped_ns_ != 0 && last_mapped_ns_ >= mapped_ns) {
-    throw std::runtime_error("mapped sample timestamp is not monotonic");
-  }
-  last_mapped_ns_ = mapped_ns;
-  accepted_sample_count_ += 1;
-  accounting_.record_accepted_sample();
-  drop_run_ = 0;
-
-  // With the bracket fit, the uncertainty stated is how far the lines the
-  // brackets and the edge stamps allow reach at this tick; the gate above
-  // judged the sum as always. The stamp is no earlier than its sample.
+  // With the bracket fit, the sample is mapped to the middle of the lines the
+  // brackets and the edge stamps allow at its tick, and the uncertainty stated
+  // is their half-width; the gate above judged the fit line and the sum as
+  // always. The stamp is no earlier than its sample.
   TmstMapping mapping = outcome.mapping;
   const std::uint64_t stamp_bound =
       event.raw_ns + event.half_window_ns < event.raw_ns ? UINT64_MAX : event.raw_ns + event.half_window_ns;
-  if (const std::optional<std::uint32_t> tight = timebase_.bound_sample(gate.candidate_tick, mapped_ns, stamp_bound)) {
-    mapping.uncertainty_us = *tight;
+  if (const std::optional<TightMapping> tight = timebase_.bound_sample(gate.candidate_tick, stamp_bound)) {
+    mapping.raw_ns = tight->raw_ns;
+    mapping.uncertainty_us = tight->uncertainty_us;
   }
+
+  if (last_mapped_ns_ != 0 && last_mapped_ns_ >= mapping.raw_ns) {
+    throw std::runtime_error("mapped sample timestamp is not monotonic");
+  }
+  last_mapped_ns_ = mapping.raw_ns;
+  accepted_sample_count_ += 1;
+  accounting_.record_accepted_sample();
+  drop_run_ = 0;
 
   if (decimator_.admit()) {
     verdict.action = SampleAction::emit;

@@ -331,8 +331,7 @@ std::span<const UpperBound> TmstMapper::upper_bounds_in_window() const noexcept 
   return std::span(bounds_).subspan(first, bound_count_ - first);
 }
 
-std::optional<std::uint32_t> TmstMapper::bound_sample(std::uint64_t tick, std::uint64_t mapped_ns,
-                                                      std::uint64_t stamp_ns) {
+std::optional<TightMapping> TmstMapper::bound_sample(std::uint64_t tick, std::uint64_t stamp_ns) {
   if (!bracket_fit_ || !fit_.valid || !brackets_agree_) return std::nullopt;
   LineSpread spread = line_spread_at(anchors(), upper_bounds_in_window(), tick);
   if (!spread.feasible) return std::nullopt;
@@ -347,15 +346,15 @@ std::optional<std::uint32_t> TmstMapper::bound_sample(std::uint64_t tick, std::u
     bounds_[bound_count_++] = UpperBound{tick, stamp_ns};
     if (stamp < spread.high_ns) spread.high_ns = stamp;
   }
-  const binary128 m = to_q(mapped_ns);
-  const binary128 above = spread.high_ns - m;
-  const binary128 below = m - spread.low_ns;
-  binary128 reach = above > below ? above : below;
-  if (reach < 0) reach = 0;
-  // One tick of quantization, at the fitted tick length.
-  const binary128 us = ceil_q((reach + ceil_q(fit_.slope_ns_per_tick)) / 1000);
-  if (!(us < to_q(std::uint64_t{UINT32_MAX}))) return std::nullopt;
-  return static_cast<std::uint32_t>(to_u64(us));
+  // Half a nanosecond of rounding and one tick of quantization, at the fitted
+  // tick length, ride on the half-width.
+  const binary128 middle = (spread.low_ns + spread.high_ns) / 2;
+  const binary128 half = (spread.high_ns - spread.low_ns) / 2;
+  const binary128 us = ceil_q((half + 1 + ceil_q(fit_.slope_ns_per_tick)) / 1000);
+  if (!(spread.low_ns > 0) || !(middle < to_q(std::uint64_t{UINT64_MAX})) || !(us < to_q(std::uint64_t{UINT32_MAX}))) {
+    return std::nullopt;
+  }
+  return TightMapping{to_u64(round_half_away_q(middle)), static_cast<std::uint32_t>(to_u64(us))};
 }
 
 }  // namespace pelmor_lusk

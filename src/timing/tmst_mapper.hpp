@@ -71,6 +71,13 @@ struct TmstAnchor {
 // least time was not measured around such a message and is kept whole.
 TmstAnchor narrowed_to_latch(const TmstAnchor& anchor, const LatchMargins& latch) noexcept;
 
+// A sample mapped to the middle of what the constraints allow, and how far
+// from it the truth can be.
+struct TightMapping {
+  std::uint64_t raw_ns = 0;
+  std::uint32_t uncertainty_us = 0;
+};
+
 // A RAW instant the line cannot be above at its tick: an INT1 edge is stamped
 // no earlier than its sample.
 struct UpperBound {
@@ -122,13 +129,13 @@ class TmstMapper {
   // against it refuse precise anchors, so it would never heal by itself.
   bool outshone_by(const TmstAnchor& fresh) const noexcept;
 
-  // With the bracket fit only, while the brackets agree on a line: how far the
-  // truth can be from mapped_ns at tick, in whole us rounded up: the farther end
-  // of the set of lines through every bracket and under every upper bound, plus
-  // one tick. The sample's own INT1 stamp (RAW, carried up by its bridge's half
-  // window) joins the bounds first, unless it lies below every line the
-  // brackets allow. Nothing when no such set is known.
-  std::optional<std::uint32_t> bound_sample(std::uint64_t tick, std::uint64_t mapped_ns, std::uint64_t stamp_ns);
+  // With the bracket fit only, while the brackets agree on a line: the middle
+  // of the set of lines through every bracket and under every upper bound at
+  // tick, and that set's half-width plus one tick in whole us rounded up. The
+  // sample's own INT1 stamp (RAW, carried up by its bridge's half window) joins
+  // the bounds first, unless it lies below every line the brackets allow.
+  // Nothing when no such set is known.
+  std::optional<TightMapping> bound_sample(std::uint64_t tick, std::uint64_t stamp_ns);
 
   const TmstFit& fit() const noexcept { return fit_; }
   const TmstFit& last_rejected() const noexcept { return last_rejected_; }

@@ -62,8 +62,8 @@ class TmstTimebase {
 
   const TmstMapper& mapper() const noexcept { return mapper_; }
   // See TmstMapper::bound_sample.
-  std::optional<std::uint32_t> bound_sample(std::uint64_t tick, std::uint64_t mapped_ns, std::uint64_t stamp_ns) {
-    return mapper_.bound_sample(tick, mapped_ns, stamp_ns);
+  std::optional<TightMapping> bound_sample(std::uint64_t tick, std::uint64_t stamp_ns) {
+    return mapper_.bound_sample(tick, stamp_ns);
   }
   std::uint64_t wrap_count() const noexcept { return unwrap_.wrap_count(); }
   FitRejectReason last_reject_reason() const noexcept { return mapper_.last_rejected().reject_reason; }

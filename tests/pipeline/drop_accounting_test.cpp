@@ -41,6 +41,8 @@ class DropAccountingTest : public ::testing::Test {
 TEST(UncertaintyScan, CountsOnlyValuesAboveTwoHundred) {
   EXPECT_TRUE(detail_has_uncertainty_over_200("a=1, uncertainty_us=201, b=2"));
   EXPECT_FALSE(detail_has_uncertainty_over_200("uncertainty_us=200"));
+  // A view ends where it ends, whatever digit follows in memory.
+  EXPECT_FALSE(detail_has_uncertainty_over_200(std::string_view("uncertainty_us=2001").substr(0, 18)));
   EXPECT_FALSE(detail_has_uncertainty_over_200("uncertainty_us=, next=999"));
   EXPECT_TRUE(detail_has_uncertainty_over_200("phase_uncertainty_us=300"));
   EXPECT_TRUE(detail_has_uncertainty_over_200("uncertainty_us=5, fit={uncertainty_us=4294967295}"));

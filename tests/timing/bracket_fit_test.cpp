@@ -226,11 +226,12 @@ TEST(LatchBracket, StatedBoundHoldsTightensWithStampsAndRefusesAWrongSideOne) {
       const TmstMapping mapped = map_tmst_to_raw(m.fit(), tick, 0);
       const bool spurious = i == 20 && k == 3;
       const std::uint64_t stamp = spurious ? true_raw(tick) - 2000000 : true_raw(tick) + latency(rng);
-      const std::optional<std::uint32_t> bound = m.bound_sample(tick, mapped.raw_ns, stamp);
-      ASSERT_TRUE(bound.has_value()) << "anchor " << i;
-      EXPECT_LE(distance(mapped.raw_ns, true_raw(tick)), std::uint64_t{*bound} * 1000) << "anchor " << i << " +" << k;
-      EXPECT_LE(*bound, mapped.uncertainty_us);
-      tight_sum += *bound;
+      const std::optional<TightMapping> tight = m.bound_sample(tick, stamp);
+      ASSERT_TRUE(tight.has_value()) << "anchor " << i;
+      EXPECT_LE(distance(tight->raw_ns, true_raw(tick)), std::uint64_t{tight->uncertainty_us} * 1000)
+          << "anchor " << i << " +" << k;
+      EXPECT_LE(tight->uncertainty_us, mapped.uncertainty_us);
+      tight_sum += tight->uncertainty_us;
       sum_sum += mapped.uncertainty_us;
       ++judged;
     }
@@ -239,7 +240,7 @@ TEST(LatchBracket, StatedBoundHoldsTightensWithStampsAndRefusesAWrongSideOne) {
   EXPECT_LT(tight_sum * 2, sum_sum) << "on average less than half the specified sum";
   TmstMapper midpoint(false);
   midpoint.add_anchor(ideal(0), 50000);
-  EXPECT_FALSE(midpoint.bound_sample(0, base_raw_ns, base_raw_ns).has_value()) << "only with the bracket fit";
+  EXPECT_FALSE(midpoint.bound_sample(0, base_raw_ns).has_value()) << "only with the bracket fit";
 }
 
 class StatedUncertainty : public testing::TestWithParam<bool> {};
