@@ -56,11 +56,12 @@ extern "C" {
  * that pass through every anchor's clock bracket instead of a least-squares
  * line through the brackets' midpoints, so that a bracket stretched on one side
  * no longer tilts it, and while the map is young it takes a fresh anchor as
- * soon as a sample lies a quarter of the map's span past the newest one (at
- * most every 80 ms). Each bracket is narrowed to where the kernel's timing of
- * the snapshot message lets the latch be, and the stated uncertainty is how far
- * the lines through every bracket and under the recent INT1 stamps reach at the
- * sample, plus one tick: still a bound of the true error, a much tighter one. */
+ * soon as a sample lies an eighth of the map's span past the newest one (at
+ * most every 40 ms). Each bracket is narrowed to where the kernel's timing of
+ * the snapshot message lets the latch be. A delivered sample's mapped time is
+ * the middle of what the lines through every bracket and under the recent INT1
+ * stamps allow at its tick, and its stated uncertainty is half that range plus
+ * one tick: still a bound of the true error, a much tighter one. */
 #define PELMOR_FLAG_PAIRING_CHECK 0x1u
 #define PELMOR_FLAG_BRACKET_FIT 0x2u
 

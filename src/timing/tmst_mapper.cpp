@@ -316,7 +316,7 @@ std::string format_fit_diagnostic(const TmstFit& fit) {
 bool TmstMapper::wants_early_anchor(std::uint64_t tick) const noexcept {
   if (!bracket_fit_ || !fit_.valid || tick <= fit_.last_tick) return false;
   const std::uint64_t ahead = tick - fit_.last_tick;
-  return ahead >= tmst_early_anchor_min_ticks && ahead > fit_.span_ticks / 4;
+  return ahead >= tmst_early_anchor_min_ticks && ahead > fit_.span_ticks / tmst_early_anchor_span_divisor;
 }
 
 }  // namespace pelmor_lusk

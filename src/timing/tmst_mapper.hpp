@@ -50,8 +50,11 @@ inline constexpr std::uint64_t tmst_refresh_residual_limit_ns = 75000;
 // than this many times the median of the other anchors' half windows.
 inline constexpr std::uint64_t tmst_wide_anchor_min_half_window_ns = 25000;
 inline constexpr std::uint64_t tmst_wide_anchor_ratio = 3;
-// Early anchors are taken no closer together than this.
-inline constexpr std::uint64_t tmst_early_anchor_min_ticks = 80000;
+// While the window is young, an anchor is taken early once a sample lies this
+// fraction of the span past the newest, and no closer together than 40 ms: the
+// slope a short window knows least is what carries a young map's error.
+inline constexpr std::uint64_t tmst_early_anchor_span_divisor = 8;
+inline constexpr std::uint64_t tmst_early_anchor_min_ticks = 40000;
 
 struct TmstAnchor {
   std::uint64_t tick = 0;

@@ -73,25 +73,25 @@ TEST(BracketFit, AStretchedBracketTiltsTheMidpointFitButNotTheBracketFit) {
   EXPECT_EQ(bracket.fit().max_half_window_ns, 37000U);
 }
 
-// Early anchors while the window is short: a quarter of the span ahead, not
-// closer than 80 ms to the newest, and never without the flag.
-TEST(BracketFit, AsksForAnEarlyAnchorOnceAQuarterSpanPastTheNewest) {
+// Early anchors while the window is short: an eighth of the span ahead, not
+// closer than 40 ms to the newest, and never without the flag.
+TEST(BracketFit, AsksForAnEarlyAnchorOnceAnEighthSpanPastTheNewest) {
   TmstMapper m(true), midpoint(false);
   for (std::uint64_t i = 0; i < 5; ++i) {
     ASSERT_EQ(m.add_anchor(ideal(i * 100000), 50000), i >= 3);
     midpoint.add_anchor(ideal(i * 100000), 50000);
   }
   ASSERT_EQ(m.fit().span_ticks, 400000U);
-  EXPECT_FALSE(m.wants_early_anchor(400000 + 100000)) << "exactly a quarter";
-  EXPECT_TRUE(m.wants_early_anchor(400000 + 100001));
+  EXPECT_FALSE(m.wants_early_anchor(400000 + 50000)) << "exactly an eighth";
+  EXPECT_TRUE(m.wants_early_anchor(400000 + 50001));
   EXPECT_FALSE(m.wants_early_anchor(300000)) << "behind the newest";
-  EXPECT_FALSE(midpoint.wants_early_anchor(400000 + 100001));
+  EXPECT_FALSE(midpoint.wants_early_anchor(400000 + 50001));
 
   TmstMapper narrow(true);
   for (std::uint64_t i = 0; i < 4; ++i) narrow.add_anchor(ideal(i * 10000), 50000);
   ASSERT_TRUE(narrow.fit().valid);
-  EXPECT_FALSE(narrow.wants_early_anchor(30000 + 79999));
-  EXPECT_TRUE(narrow.wants_early_anchor(30000 + 80000));
+  EXPECT_FALSE(narrow.wants_early_anchor(30000 + 39999));
+  EXPECT_TRUE(narrow.wants_early_anchor(30000 + 40000));
 }
 
 TEST(BracketFit, AFarOffLatchStillBreaksTheResidualLimit) {
