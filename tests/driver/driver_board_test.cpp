@@ -2,6 +2,7 @@
 // interface: full runs at both rates and the lifecycle around them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -89,6 +90,14 @@ TEST_P(FullRun, DeliversHonestContiguousSamplesAndReportsTheRun) {
     EXPECT_EQ(s.raw_words[1], t->accel[0]);
     EXPECT_EQ(s.raw_words[6], t->gyro[2]);
     EXPECT_LE(delivered[i].callback_raw_ns, stopped_at + 1000000000ULL);
+  }
+  // With the bracket fit the stated bound is the constraints' half-width, a
+  // few microseconds on this board; the specified sum is tens.
+  if ((run.flags & PELMOR_FLAG_BRACKET_FIT) != 0) {
+    std::vector<std::uint32_t> stated;
+    for (const auto& d : delivered) stated.push_back(d.sample.phase_uncertainty_us);
+    std::nth_element(stated.begin(), stated.begin() + static_cast<std::ptrdiff_t>(stated.size() / 2), stated.end());
+    EXPECT_LE(stated[stated.size() / 2], 20U);
   }
   // The board's signal came through the conversions.
   EXPECT_NEAR(delivered.back().sample.accel_mps2[0], 1.0, 0.01);

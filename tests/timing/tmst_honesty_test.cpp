@@ -54,6 +54,15 @@ TEST_P(TmstHonesty, StatedUncertaintyCoversTheTruth) {
     const std::uint64_t error = m.raw_ns > now ? m.raw_ns - now : now - m.raw_ns;
     EXPECT_LE(error, std::uint64_t{m.uncertainty_us} * 1000)
         << format_mapping_diagnostic(m, mapper.fit(), tick, 0, 0);
+    // The middle of what the brackets allow, and its half-width, hold too.
+    if (const std::optional<TightMapping> tight = mapper.bound_sample(tick, UINT64_MAX)) {
+      const std::uint64_t off = tight->raw_ns > now ? tight->raw_ns - now : now - tight->raw_ns;
+      EXPECT_LE(off, std::uint64_t{tight->uncertainty_us} * 1000) << format_fit_diagnostic(mapper.fit());
+      EXPECT_LE(tight->uncertainty_us, m.uncertainty_us);
+    } else {
+      EXPECT_FALSE(bracket_fit && std::get<0>(GetParam()).config.profile == vb::Profile::realistic)
+          << "the realistic board's brackets agree on a line";
+    }
   }
 }
 
