@@ -102,6 +102,28 @@ void BM_MapOneTick(benchmark::State& state) {
 }
 BENCHMARK(BM_MapOneTick);
 
+// With the bracket fit, every accepted sensor sample is mapped to the middle of
+// what sixteen brackets and the recent stamps allow: the window as a full one
+// holds it, with eight stamps already in.
+void BM_BoundOneSample(benchmark::State& state) {
+  TmstMapper full = full_mapper(true);
+  const std::uint64_t first = full.fit().last_tick + 5000;
+  const auto stamp_at = [&](std::uint64_t tick) {
+    return map_tmst_to_raw(full.fit(), tick, 0).raw_ns + 40'000;  // well above the line
+  };
+  for (std::uint64_t k = 0; k < tmst_upper_bound_capacity; ++k) {
+    full.bound_sample(first + k * 5000, stamp_at(first + k * 5000));
+  }
+  const std::uint64_t tick = first + tmst_upper_bound_capacity * 5000;
+  const std::uint64_t stamp = stamp_at(tick);
+  for (auto _ : state) {
+    TmstMapper mapper = full;
+    benchmark::DoNotOptimize(mapper.bound_sample(tick, stamp));
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_BoundOneSample);
+
 void BM_BridgeOneEvent(benchmark::State& state) {
   const ClockBracket bracket{5'000'000'120'000ULL, 4'999'987'650'000ULL, 5'000'000'120'070ULL,
                              4'999'987'650'070ULL};
