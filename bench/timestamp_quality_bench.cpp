@@ -127,6 +127,18 @@ std::string flags_label(std::uint32_t flags) {
   std::exit(2);
 }
 
+// "a,b,,c" as {"a", "b", "", "c"}; "" as {""}.
+std::vector<std::string> comma_items(const std::string& value) {
+  std::vector<std::string> items;
+  for (std::size_t pos = 0; pos <= value.size();) {
+    std::size_t comma = value.find(',', pos);
+    if (comma == std::string::npos) comma = value.size();
+    items.push_back(value.substr(pos, comma - pos));
+    pos = comma + 1;
+  }
+  return items;
+}
+
 Options parse_options(int argc, char** argv) {
   Options o;
   for (int i = 1; i < argc; ++i) {
@@ -175,34 +187,23 @@ Options parse_options(int argc, char** argv) {
       o.hull_anchors = std::max<std::size_t>(2, count());
     } else if (key == "--flags") {
       o.flag_sets.clear();
-      for (std::size_t pos = 0; pos <= value.size();) {
-        std::size_t comma = value.find(',', pos);
-        if (comma == std::string::npos) comma = value.size();
-        const std::string f = value.substr(pos, comma - pos);
+      for (const std::string& f : comma_items(value)) {
         const unsigned long v = std::strtoul(f.c_str(), &end, 0);
         if (f.empty() || *end != '\0' || v > 0xFFFFFFFFul) usage(argv[i]);
         o.flag_sets.push_back(static_cast<std::uint32_t>(v));
-        pos = comma + 1;
       }
     } else if (key == "--target-durations") {
       o.target_seconds.clear();
-      for (std::size_t pos = 0; pos < value.size();) {
-        std::size_t comma = value.find(',', pos);
-        if (comma == std::string::npos) comma = value.size();
-        const double v = std::strtod(value.substr(pos, comma - pos).c_str(), &end);
+      for (const std::string& d : value.empty() ? std::vector<std::string>{} : comma_items(value)) {
+        const double v = std::strtod(d.c_str(), &end);
         if (!(v > 0) || *end != '\0') usage(argv[i]);
         o.target_seconds.push_back(v);
-        pos = comma + 1;
       }
     } else if (key == "--rates") {
       o.rates.clear();
-      for (std::size_t pos = 0; pos <= value.size();) {
-        std::size_t comma = value.find(',', pos);
-        if (comma == std::string::npos) comma = value.size();
-        const std::string r = value.substr(pos, comma - pos);
+      for (const std::string& r : comma_items(value)) {
         if (r != "25" && r != "30") usage(argv[i]);
         o.rates.push_back(static_cast<unsigned>(std::stoul(r)));
-        pos = comma + 1;
       }
     } else {
       usage(argv[i]);

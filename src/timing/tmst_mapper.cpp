@@ -319,10 +319,6 @@ bool TmstMapper::wants_early_anchor(std::uint64_t tick) const noexcept {
   return ahead >= tmst_early_anchor_min_ticks && ahead > fit_.span_ticks / tmst_early_anchor_span_divisor;
 }
 
-}  // namespace pelmor_lusk
-
-namespace pelmor_lusk {
-
 std::span<const UpperBound> TmstMapper::upper_bounds_in_window() const noexcept {
   // Bounds older than the window's first anchor speak of a stretch of the clock
   // the line no longer covers.
