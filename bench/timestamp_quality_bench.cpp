@@ -1117,6 +1117,7 @@ std::string target_verdict(const TargetRow& t) {
 
 std::vector<TargetRow> run_targets(const Options& o) {
   std::vector<TargetRow> rows;
+  if (o.target_seconds.empty()) return rows;
   for (const double seconds : o.target_seconds) {
     for (const BoardVariant v : {BoardVariant::realistic, BoardVariant::slow_host, BoardVariant::pll_tick}) {
       for (const unsigned rate : o.rates) {
@@ -1160,6 +1161,7 @@ std::vector<TargetRow> run_targets(const Options& o) {
 
 // The first two seconds of every short run, for the plot.
 void write_first_seconds(const Options& o, const std::vector<TargetRow>& rows) {
+  if (rows.empty()) return;
   std::ofstream out(o.out_dir + "/first-seconds.csv");
   out << "profile,rate_hz,flags,seconds,error_us,stated_us\n";
   for (const TargetRow& t : rows) {
