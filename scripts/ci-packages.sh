@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# The packages on this machine: builds the amd64 packages, installs them with
-# dpkg, builds the README's minimal client against the installed copy with
-# pkg-config and with find_package(pelmor), runs both on the virtual board,
-# removes and purges the packages and checks the machine is as it was. Then
-# builds the arm64 packages and checks that every ELF file in them is arm64.
+# The packages on this machine: builds the amd64 packages, checks what each
+# holds, installs them with dpkg, builds the README's minimal client against the
+# installed copy with pkg-config and with find_package(pelmor), runs both on the
+# virtual board, removes and purges the packages and checks the machine is as it
+# was. Then builds the arm64 packages, checks what each holds and that every ELF
+# file in them is arm64.
 # Needs the default build (scripts/test.sh) for the virtual board.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,11 +18,33 @@ debs=(build/packages/libpelmor2_*_"$arch".deb build/packages/libpelmor-dev_*_"$a
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+# What each package must hold, by dpkg-deb -c.
+check_contents() { # architecture
+  local arch=$1 multiarch listing missing=()
+  multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+  local -A expect=(
+    [libpelmor2]="usr/lib/$multiarch/libpelmor.so.2 usr/lib/udev/rules.d/60-pelmor.rules"
+    [libpelmor-dev]="usr/include/pelmor.h usr/lib/$multiarch/libpelmor.so usr/lib/$multiarch/pkgconfig/pelmor.pc
+                     usr/lib/$multiarch/cmake/pelmor/pelmorConfig.cmake"
+    [pelmor-tools]="usr/bin/pelmor-stream usr/bin/pelmor-timing-report usr/bin/pelmor-check
+                    usr/lib/python3/dist-packages/pelmor/__init__.py
+                    usr/share/doc/pelmor-tools/examples/pelmor-client.service usr/share/doc/pelmor-tools/DEPLOYMENT.md.gz"
+  )
+  for package in "${!expect[@]}"; do
+    listing=$(dpkg-deb -c build/packages/"${package}"_*_"$arch".deb | awk '{print $6}')
+    for path in ${expect[$package]}; do
+      grep -qxF "./$path" <<<"$listing" || missing+=("$package: $path")
+    done
+  done
+  [ ${#missing[@]} -eq 0 ] || { printf 'ci-packages: missing %s\n' "${missing[@]}" >&2; exit 1; }
+}
+
 machine_state() {
   dpkg-query -W -f='${Package} ${Status}\n' | grep -v ' not-installed$' | sort
   getent group pelmor || true
   find /usr/include /usr/lib /usr/bin -name '*pelmor*' 2>/dev/null | sort
 }
+check_contents "$arch"
 machine_state >"$work/before"
 
 dpkg -i "${debs[@]}" || DEBIAN_FRONTEND=noninteractive apt-get -f install -y -qq
@@ -63,12 +86,14 @@ with pelmor.Driver(rate_hz=30) as imu:
   { cat "$work/py" >&2; echo "ci-packages: the installed Python module failed" >&2; exit 1; }
 
 dpkg -r pelmor-tools libpelmor-dev libpelmor2 >/dev/null
-dpkg -P pelmor-tools libpelmor-dev libpelmor2 >/dev/null
+# Only the library keeps something after a removal: its group, which a purge takes.
+dpkg -P libpelmor2 >/dev/null
 machine_state >"$work/after"
 diff -u "$work/before" "$work/after" || { echo "ci-packages: the machine is not as it was" >&2; exit 1; }
 echo "packages: installed, used by pkg-config and find_package clients on the virtual board, removed"
 
 bash scripts/package.sh aarch64
+check_contents arm64
 for deb in build/packages/*_arm64.deb; do
   mkdir "$work/x" && dpkg-deb -x "$deb" "$work/x"
   while IFS= read -r -d '' f; do
@@ -79,4 +104,4 @@ for deb in build/packages/*_arm64.deb; do
   done < <(find "$work/x" -type f -print0)
   rm -rf "$work/x"
 done
-echo "arm64 packages: every ELF file is AArch64"
+echo "arm64 packages: the files each must hold, and every ELF file AArch64"

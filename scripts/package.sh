@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian packages libpelmor2, libpelmor-dev and pelmor-tools into
 # build/packages/, for this machine or, with "aarch64", cross-built for arm64,
-# and runs lintian on them.
+# and runs lintian on them (every tag shown, down to pedantic; errors and
+# warnings fail).
 #
 #   scripts/package.sh            amd64 (the build machine's architecture)
 #   scripts/package.sh aarch64    arm64
@@ -33,7 +34,7 @@ mkdir -p build/packages
 cp "$work"/*.deb build/packages/
 ls -l "$work"/*.deb | awk '{print $5, $9}' | sed "s|$work/|build/packages/|"
 changes=$(ls "$work"/*.changes)
-lintian --allow-root --fail-on error,warning "$changes" || {
+lintian --allow-root --display-info --pedantic --fail-on error,warning "$changes" || {
   echo "lintian found errors" >&2
   exit 1
 }
