@@ -131,21 +131,25 @@ TEST(CheckJudgements, TimingSpreadsAgainstTheGate) {
 }
 
 TEST(CheckJudgements, DevicesAndAccess) {
-  std::vector<ChipFacts> chips{{"gpiochip0", 0, "1000.gpio", 8}, {"gpiochip1", 0, "34120000.gpio", 32},
-                               {"gpiochip2", 0, "34120000.gpio", 32}};
+  std::vector<ChipFacts> chips{{"gpiochip0", 0, "1000.gpio", 8, {}}, {"gpiochip1", 0, "34120000.gpio", 32, {}},
+                               {"gpiochip2", 0, "34120000.gpio", 32, {}}};
   const CheckResult twice = judge_chip_label(chips, "34120000.gpio");
   EXPECT_EQ(twice.status, Status::warn);
   EXPECT_THAT(twice.detail, HasSubstr("the driver takes gpiochip1"));
   chips.pop_back();
   EXPECT_EQ(format_line(judge_chip_label(chips, "34120000.gpio")), "PASS gpio-label: 34120000.gpio is gpiochip1");
+  // Who may open the chip shows, so a udev rule that did not match is seen from root.
+  chips[1].access = {020600, "root", "root"};
+  EXPECT_EQ(format_line(judge_chip_label(chips, "34120000.gpio")),
+            "PASS gpio-label: 34120000.gpio is gpiochip1 (crw------- root:root)");
   chips[1].open_errno = EACCES;
   const CheckResult hidden = judge_chip_label(chips, "34120000.gpio");
   EXPECT_EQ(hidden.status, Status::fail);
   EXPECT_THAT(hidden.remedy, HasSubstr("usermod -aG pelmor"));
   EXPECT_EQ(judge_chips(chips).status, Status::warn);
-  EXPECT_THAT(judge_chips(chips).detail, HasSubstr("gpiochip1 (Permission denied)"));
+  EXPECT_THAT(judge_chips(chips).detail, HasSubstr("gpiochip1 (Permission denied, crw------- root:root)"));
 
-  SpidevFacts spidev{"/dev/spidev2.0", 0, 020660, "root", "pelmor", EACCES};
+  SpidevFacts spidev{"/dev/spidev2.0", 0, {020660, "root", "pelmor"}, EACCES};
   const CheckResult refused = judge_spidev(spidev);
   EXPECT_THAT(format_line(refused),
               ::testing::StartsWith("FAIL spidev: /dev/spidev2.0 crw-rw---- root:pelmor, cannot be opened: Permission denied; remedy: "));

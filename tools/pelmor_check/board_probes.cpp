@@ -47,6 +47,16 @@ std::string group_name(gid_t gid) {
   return std::to_string(gid);
 }
 
+// errno of the stat, 0 when access was filled in.
+int stat_node(const std::string& path, NodeAccess& access) {
+  struct stat st{};
+  if (::stat(path.c_str(), &st) != 0) return errno;
+  access.mode = st.st_mode;
+  access.owner = user_name(st.st_uid);
+  access.group = group_name(st.st_gid);
+  return 0;
+}
+
 // Snapshots are spaced like the driver's anchors at start, not one per edge.
 constexpr std::uint64_t snapshot_spacing_ns = 30'000'000;
 constexpr int edge_wait_ms = 5;
@@ -61,6 +71,7 @@ std::vector<ChipFacts> probe_chips() {
     if (std::strncmp(entry->d_name, "gpiochip", 8) != 0) continue;
     ChipFacts chip;
     chip.name = entry->d_name;
+    stat_node("/dev/" + chip.name, chip.access);
     const UniqueFd fd(::open(("/dev/" + chip.name).c_str(), O_RDONLY | O_CLOEXEC));
     gpiochip_info info{};
     if (!fd) {
@@ -101,14 +112,8 @@ LineFacts probe_line(const ChipFacts& chip, std::uint32_t offset) {
 SpidevFacts probe_spidev(const std::string& path) {
   SpidevFacts facts;
   facts.path = path;
-  struct stat st{};
-  if (::stat(path.c_str(), &st) != 0) {
-    facts.stat_errno = errno;
-    return facts;
-  }
-  facts.mode = st.st_mode;
-  facts.owner = user_name(st.st_uid);
-  facts.group = group_name(st.st_gid);
+  facts.stat_errno = stat_node(path, facts.access);
+  if (facts.stat_errno != 0) return facts;
   const UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   if (!fd) facts.open_errno = errno;
   return facts;

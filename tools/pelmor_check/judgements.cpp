@@ -22,6 +22,11 @@ constexpr const char* timing_remedy =
 
 std::string error_name(int error_number) { return std::strerror(error_number); }
 
+// ", crw------- root:root" when stat could tell.
+std::string node_suffix(const NodeAccess& access) {
+  return access.mode != 0 ? ", " + access_text(access) : "";
+}
+
 std::string microseconds(std::uint64_t ns) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f us", static_cast<double>(ns) / 1000.0);
@@ -60,7 +65,8 @@ CheckResult not_checked(const std::string& name, const std::string& why) {
   return result(name, Status::warn, "not checked: " + why, "fix the failure above first");
 }
 
-std::string mode_text(std::uint32_t mode) {
+std::string access_text(const NodeAccess& access) {
+  const std::uint32_t mode = access.mode;
   std::string text;
   if (S_ISCHR(mode)) {
     text += 'c';
@@ -73,7 +79,7 @@ std::string mode_text(std::uint32_t mode) {
   }
   const char* letters = "rwxrwxrwx";
   for (int bit = 0; bit < 9; ++bit) text += (mode & (0400u >> bit)) != 0 ? letters[bit] : '-';
-  return text;
+  return text + " " + access.owner + ":" + access.group;
 }
 
 CheckResult judge_chips(const std::vector<ChipFacts>& chips) {
@@ -86,7 +92,7 @@ CheckResult judge_chips(const std::vector<ChipFacts>& chips) {
   for (const ChipFacts& chip : chips) {
     if (!detail.empty()) detail += ", ";
     if (chip.open_errno != 0) {
-      detail += chip.name + " (" + error_name(chip.open_errno) + ")";
+      detail += chip.name + " (" + error_name(chip.open_errno) + node_suffix(chip.access) + ")";
       any_unopenable = true;
     } else {
       detail += chip.name + " [" + chip.label + "] " + std::to_string(chip.lines) + " lines";
@@ -119,7 +125,9 @@ CheckResult judge_chip_label(const std::vector<ChipFacts>& chips, const std::str
                       matches.front()->name + ", the first in /dev order",
                   "check the device tree: only one controller should carry the label");
   }
-  return result(name, Status::pass, label + " is " + matches.front()->name);
+  const NodeAccess& access = matches.front()->access;
+  return result(name, Status::pass,
+                label + " is " + matches.front()->name + (access.mode != 0 ? " (" + access_text(access) + ")" : ""));
 }
 
 CheckResult judge_int1_line(const LineFacts& line) {
@@ -152,8 +160,7 @@ CheckResult judge_spidev(const SpidevFacts& spidev) {
   if (spidev.stat_errno != 0) {
     return result(name, Status::fail, spidev.path + ": " + error_name(spidev.stat_errno), access_remedy);
   }
-  const std::string detail =
-      spidev.path + " " + mode_text(spidev.mode) + " " + spidev.owner + ":" + spidev.group;
+  const std::string detail = spidev.path + " " + access_text(spidev.access);
   if (spidev.open_errno == EACCES || spidev.open_errno == EPERM) {
     return result(name, Status::fail, detail + ", cannot be opened: " + error_name(spidev.open_errno), access_remedy);
   }

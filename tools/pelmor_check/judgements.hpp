@@ -11,11 +11,19 @@
 
 namespace pelmor_lusk::check {
 
+// Who may open a device node, as stat shows it; mode 0 when it could not be read.
+struct NodeAccess {
+  std::uint32_t mode = 0;
+  std::string owner;
+  std::string group;
+};
+
 struct ChipFacts {
   std::string name;    // gpiochipN
   int open_errno = 0;  // non-zero: the entry could not be opened (or queried)
   std::string label;
   std::uint32_t lines = 0;
+  NodeAccess access;
 };
 
 struct LineFacts {
@@ -30,9 +38,7 @@ struct LineFacts {
 struct SpidevFacts {
   std::string path;
   int stat_errno = 0;  // ENOENT: absent
-  std::uint32_t mode = 0;
-  std::string owner;
-  std::string group;
+  NodeAccess access;
   int open_errno = 0;
 };
 
@@ -77,7 +83,7 @@ CheckResult judge_preemption(const std::string& realtime_flag, const std::string
 // One entry per CPU with frequency scaling; empty: no scaling.
 CheckResult judge_governor(const std::vector<std::string>& governors);
 
-// "crw-rw----".
-std::string mode_text(std::uint32_t mode);
+// "crw-rw---- root:pelmor".
+std::string access_text(const NodeAccess& access);
 
 }  // namespace pelmor_lusk::check
