@@ -119,13 +119,24 @@ TEST(CheckJudgements, TimingSpreadsAgainstTheGate) {
   const CheckResult wide = judge_snapshots(stream, 100'000);
   EXPECT_EQ(wide.status, Status::fail);
   EXPECT_THAT(wide.detail, HasSubstr("p99 100.0 us, max 100.0 us (gate 100.0 us)"));
+  stream.snapshot_half_windows_ns[98] = 100'000;  // at the gate is within it
+  stream.snapshot_half_windows_ns[99] = 100'000;
+  EXPECT_EQ(judge_snapshots(stream, 100'000).status, Status::warn);
   // A lone stretched message in a short run warns; a second one fails.
   stream.snapshot_half_windows_ns.assign(30, 20'000);
   stream.snapshot_half_windows_ns[7] = 174'000;
   EXPECT_EQ(judge_snapshots(stream, 100'000).status, Status::warn);
   stream.snapshot_half_windows_ns[8] = 100'001;
   EXPECT_EQ(judge_snapshots(stream, 100'000).status, Status::fail);
+  // The edges' windows are judged, also when the stream broke off after them.
+  stream.bridge_half_windows_ns.assign(5, 1'000);
+  const std::string bridge_line =
+      "PASS clock-bridge: 5 event half windows, p50 1.0 us, p99 1.0 us, max 1.0 us (gate 100.0 us)";
+  EXPECT_EQ(format_line(judge_bridge(stream, 100'000)), bridge_line);
+  stream.error = "FIFO read failed";
+  EXPECT_EQ(format_line(judge_bridge(stream, 100'000)), bridge_line);
   // No edge, no bridge to judge; snapshots do not need edges.
+  stream.error.clear();
   stream.edges = 0;
   EXPECT_THAT(judge_bridge(stream, 100'000).detail, HasSubstr("not checked: no INT1 edge"));
 }
@@ -159,7 +170,7 @@ TEST(CheckJudgements, DevicesAndAccess) {
 
   EXPECT_THAT(judge_who_am_i(0xFF, 0x47).remedy, HasSubstr("nothing answers"));
   EXPECT_THAT(judge_who_am_i(0x12, 0x47).remedy, HasSubstr("another part"));
-  EXPECT_THAT(judge_int1_line({"gpiochip0", 16, 8, 0, false, ""}).detail, HasSubstr("has only 8 lines"));
+  EXPECT_THAT(judge_int1_line({"gpiochip0", 16, 16, 0, false, ""}).detail, HasSubstr("has only 16 lines"));
   EXPECT_THAT(judge_int1_line({"gpiochip0", 16, 32, 0, true, ""}).detail, HasSubstr("held by an unnamed consumer"));
 }
 
@@ -187,6 +198,7 @@ TEST(CheckJudgements, RealTimeAndKernel) {
   EXPECT_EQ(judge_preemption("", "#1 SMP PREEMPT_DYNAMIC", "none (voluntary) full").detail,
             "dynamic preemption, voluntary");
   EXPECT_EQ(judge_preemption("", "#1 SMP PREEMPT_DYNAMIC", "").status, Status::warn);
+  EXPECT_EQ(judge_preemption("", "#1 SMP PREEMPT_DYNAMIC", "none voluntary (full").status, Status::warn);
   EXPECT_EQ(judge_preemption("", "#1 SMP PREEMPT Debian", "").status, Status::pass);
   EXPECT_EQ(judge_preemption("0", "#1 SMP Debian", "").status, Status::warn);
 
