@@ -71,8 +71,9 @@ std::vector<ChipFacts> probe_chips() {
     if (std::strncmp(entry->d_name, "gpiochip", 8) != 0) continue;
     ChipFacts chip;
     chip.name = entry->d_name;
-    stat_node("/dev/" + chip.name, chip.access);
-    const UniqueFd fd(::open(("/dev/" + chip.name).c_str(), O_RDONLY | O_CLOEXEC));
+    const std::string path = "/dev/" + chip.name;
+    stat_node(path, chip.access);  // unreadable: the access stays unknown
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     gpiochip_info info{};
     if (!fd) {
       chip.open_errno = errno;
